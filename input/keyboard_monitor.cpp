@@ -1,0 +1,155 @@
+#include "input/keyboard_monitor.h"
+
+#include "benders/bender_controller.h"
+#include "common/settings_store.h"
+#include "input/function_key_config.h"
+#include "midi/midi_manager.h"
+#include "properties/property_manager.h"
+
+#include <cstdio>
+
+namespace plinkora {
+
+KeyboardMonitor::KeyboardMonitor(MIDIManager& manager, SettingsStore& settings, std::unique_ptr<SoundPlayer> soundPlayer,
+                                 std::unique_ptr<Announcer> speechSynthesizer)
+    : midiManager(manager)
+    , settings_(settings)
+{
+    benderController = std::make_unique<BenderController>(midiManager, settings_, std::move(soundPlayer));
+    propertyManager = std::make_unique<PropertyManager>(midiManager, std::move(speechSynthesizer));
+}
+
+KeyboardMonitor::~KeyboardMonitor() = default;
+
+bool KeyboardMonitor::isHandledKey(KeyCode code)
+{
+    return isFunctionKey(code) || octaveForKey(code) || velocityForKey(code) || noteOffsetForKey(code)
+        || isArrowKey(code) || code == kKeyPeriod || code == kKeySlash || code == kKeyHome || code == kKeyPageUp
+        || code == kKeyEnd || code == kKeyPageDown || code == kKeyTab;
+}
+
+bool KeyboardMonitor::monitorCallback(const KeyEvent& event)
+{
+    std::printf("Key event received: type=%u keyCode=%u\n", static_cast<unsigned>(event.type),
+                static_cast<unsigned>(event.keyCode));
+    std::fflush(stdout);
+
+    // Act only while the main window is the key window; both absent counts as the same.
+    const QObject* active = keyWindow ? keyWindow() : nullptr;
+    if (active != keyboardWindow.data())
+        return false;
+
+    if (event.type == kEventFlagsChanged) {
+        handleKeyEvent(event);
+        return true;
+    }
+    // Every shortcut with the platform's shortcut modifier goes on to the menus.
+    if (event.modifierFlags & kCommandFlag)
+        return false;
+    if (!isHandledKey(event.keyCode))
+        return false;
+    handleKeyEvent(event);
+    return true;
+}
+
+void KeyboardMonitor::handleKeyEvent(const KeyEvent& event)
+{
+    const KeyCode code = event.keyCode;
+    const bool keyDown = event.type == kEventKeyDown;
+    const bool alreadyPressed = code < pressedKeys.size() && pressedKeys.test(code);
+
+    if (event.type == kEventFlagsChanged) {
+        const bool shift = (event.modifierFlags & kShiftFlag) != 0;
+        if (shift != sustainActive) {
+            sustainActive = shift;
+            midiManager.sendControlChange(64, shift ? 127 : 0, propertyManager->getChannel());
+        }
+        return;
+    }
+
+    if (keyDown && !alreadyPressed) {
+        switch (code) {
+        case kKeyTab:
+            if (event.modifierFlags & kShiftFlag)
+                propertyManager->previousProperty();
+            else
+                propertyManager->nextProperty();
+            return;
+        case kKeyHome:
+            propertyManager->increaseValue(true);
+            return;
+        case kKeyPageUp:
+            propertyManager->increaseValue(false);
+            return;
+        case kKeyEnd:
+            propertyManager->decreaseValue(true);
+            return;
+        case kKeyPageDown:
+            propertyManager->decreaseValue(false);
+            return;
+        default:
+            break;
+        }
+    }
+
+    // Function keys: no repeat filter; every key-down sends 127 again.
+    if (const std::optional<int> index = functionKeyIndex(code)) {
+        const std::uint8_t channel = propertyManager->getChannel();
+        const std::uint8_t controller = FunctionKeyConfig::shared().controllerNumber(settings_, *index);
+        midiManager.sendControlChange(controller, keyDown ? 127 : 0, channel);
+        return;
+    }
+
+    // Arrows only set the flags; the bender timer does the sending.
+    switch (code) {
+    case kKeyUp:
+        benderController->upPressed = keyDown;
+        return;
+    case kKeyDown:
+        benderController->downPressed = keyDown;
+        return;
+    case kKeyLeft:
+        benderController->leftPressed = keyDown;
+        return;
+    case kKeyRight:
+        benderController->rightPressed = keyDown;
+        return;
+    default:
+        break;
+    }
+
+    if (keyDown && !alreadyPressed && (code == kKeyPeriod || code == kKeySlash)) {
+        // No repeat filter either: holding the key flips the mode on every repeat.
+        bool& flag = code == kKeyPeriod ? benderController->pitchBendAutoRelease : benderController->modulationAutoRelease;
+        flag = !flag;
+        benderController->playSound(flag ? "up.wav" : "down.wav");
+        return;
+    }
+
+    if (keyDown && !alreadyPressed) {
+        if (const std::optional<int> octave = octaveForKey(code))
+            currentOctave = *octave;
+        if (const std::optional<std::uint8_t> velocity = velocityForKey(code)) {
+            currentVelocity = clampVelocity(*velocity);
+            return;
+        }
+    }
+
+    const std::optional<int> offset = noteOffsetForKey(code);
+    if (!offset)
+        return;
+    if (keyDown) {
+        if (alreadyPressed)
+            return; // auto-repeat
+        pressedKeys.set(code);
+        const std::uint8_t note = noteNumber(currentOctave, *offset, propertyManager->getTranspose());
+        midiManager.sendNoteOn(note, currentVelocity, propertyManager->getChannel());
+        return;
+    }
+    // The note-off is computed from the octave, transposition and channel of this moment.
+    pressedKeys.reset(code);
+    const std::uint8_t note = noteNumber(currentOctave, *offset, propertyManager->getTranspose());
+    midiManager.sendNoteOff(note, propertyManager->getChannel());
+}
+
+} // namespace plinkora

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "midi/midi_backend.h"
+
+namespace plinkora {
+
+/// A MIDI service that accepts everything and delivers nothing: Plinkora still runs where no
+/// MIDI system is available.
+class NullBackend final : public MidiBackend
+{
+public:
+    std::string_view apiName() const override { return "null"; }
+    MidiStatus createClient(std::string_view, std::uint32_t& client) override
+    {
+        client = 1;
+        return kStatusOk;
+    }
+    MidiStatus createSource(std::uint32_t, std::string_view, std::uint32_t& source) override
+    {
+        source = 1;
+        return kStatusOk;
+    }
+    MidiStatus received(std::uint32_t, const MidiPacket&) override { return kStatusOk; }
+    void disposeSource(std::uint32_t) override {}
+    void disposeClient(std::uint32_t) override {}
+};
+
+} // namespace plinkora

@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages Plinkora needs.
+#   scripts/install-deps.sh run    what building and running needs
+#   scripts/install-deps.sh test   that, plus what the tests and benchmarks need
+# Packages already installed are not fetched again; apt-get runs only when something is missing.
+set -euo pipefail
+
+build_and_run=(
+    cmake g++ make pkg-config
+    qt6-base-dev qt6-multimedia-dev libqt6opengl6-dev qt6-qpa-plugins
+    librtmidi-dev libjack-jackd2-dev libasound2-dev
+    libspeechd-dev speech-dispatcher speech-dispatcher-espeak-ng
+    fonts-dejavu-core
+)
+tests=(
+    libgtest-dev libgmock-dev libbenchmark-dev
+    jackd2 xvfb xauth xdotool x11-xkb-utils openbox
+    dbus dbus-x11 at-spi2-core orca python3-pyatspi
+    sox pulseaudio pulseaudio-utils
+)
+
+packages=("${build_and_run[@]}")
+if [ "${1:-test}" = test ]; then
+    packages+=("${tests[@]}")
+fi
+
+missing=()
+for p in "${packages[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+        missing+=("$p")
+    fi
+done
+if [ ${#missing[@]} -eq 0 ]; then
+    exit 0
+fi
+
+echo "Installing: ${missing[*]}"
+sudo_cmd=()
+if [ "$(id -u)" -ne 0 ]; then
+    sudo_cmd=(sudo)
+fi
+export DEBIAN_FRONTEND=noninteractive
+"${sudo_cmd[@]}" apt-get update -qq
+"${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,116 @@
+#include "input/function_key_config.h"
+
+#include "common/settings_store.h"
+
+#include <QSettings>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+using namespace plinkora;
+
+namespace {
+class FunctionKeyConfigTest : public ::testing::Test
+{
+protected:
+    QTemporaryDir dir;
+    QSettings qsettings{dir.filePath("plinkora.conf"), QSettings::IniFormat};
+    SettingsStore settings{qsettings};
+    const FunctionKeyConfig& config = FunctionKeyConfig::shared();
+};
+} // namespace
+
+TEST_F(FunctionKeyConfigTest, KeysAreNamedPerFunctionKey)
+{
+    EXPECT_STREQ(config.f1CCKey, "PLK_F1_CC");
+    EXPECT_STREQ(config.f2CCKey, "PLK_F2_CC");
+    EXPECT_STREQ(config.f3CCKey, "PLK_F3_CC");
+    EXPECT_STREQ(config.f4CCKey, "PLK_F4_CC");
+    EXPECT_EQ(&config, &FunctionKeyConfig::shared());
+}
+
+TEST_F(FunctionKeyConfigTest, EmptyStoreGivesDefaults115To118)
+{
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(config.controllerNumber(settings, i), 115 + i);
+}
+
+TEST_F(FunctionKeyConfigTest, StoredSevenUnderF2IsUsedAndOthersKeepDefaults)
+{
+    settings.setInteger(7, "PLK_F2_CC");
+    EXPECT_EQ(config.controllerNumber(settings, 0), 115);
+    EXPECT_EQ(config.controllerNumber(settings, 1), 7);
+    EXPECT_EQ(config.controllerNumber(settings, 2), 117);
+    EXPECT_EQ(config.controllerNumber(settings, 3), 118);
+}
+
+TEST_F(FunctionKeyConfigTest, EnteringZeroStoresZeroWhichReadsAsTheDefault)
+{
+    EXPECT_EQ(config.storeTypedText(settings, 0, "0"), std::nullopt);
+    EXPECT_EQ(settings.integerForKey("PLK_F1_CC"), 0);
+    EXPECT_TRUE(qsettings.contains("PLK_F1_CC"));
+    EXPECT_EQ(config.controllerNumber(settings, 0), 115);
+}
+
+TEST_F(FunctionKeyConfigTest, Entering127StoresIt)
+{
+    EXPECT_EQ(config.storeTypedText(settings, 0, "127"), std::nullopt);
+    EXPECT_EQ(settings.integerForKey("PLK_F1_CC"), 127);
+}
+
+TEST_F(FunctionKeyConfigTest, InvalidEntriesStoreNothingAndGiveTheCurrentValueBack)
+{
+    settings.setInteger(12, "PLK_F3_CC");
+    for (const char* text : {"128", "300", "-5", "abc", ""}) {
+        EXPECT_EQ(config.storeTypedText(settings, 2, text), QString("12")) << text;
+        EXPECT_EQ(config.storeTypedText(settings, 0, text), QString("115")) << text;
+    }
+    EXPECT_EQ(settings.integerForKey("PLK_F3_CC"), 12);
+    EXPECT_FALSE(qsettings.contains("PLK_F1_CC"));
+}
+
+TEST_F(FunctionKeyConfigTest, PlusTwelveStoresTwelveAndMinusZeroStoresZero)
+{
+    EXPECT_EQ(config.storeTypedText(settings, 1, "+12"), std::nullopt);
+    EXPECT_EQ(settings.integerForKey("PLK_F2_CC"), 12);
+    EXPECT_EQ(config.storeTypedText(settings, 1, "-0"), std::nullopt);
+    EXPECT_EQ(settings.integerForKey("PLK_F2_CC"), 0);
+}
+
+TEST_F(FunctionKeyConfigTest, StoredTwoHundredIsReturnedForMaskingBySending)
+{
+    qsettings.setValue("PLK_F4_CC", 200);
+    EXPECT_EQ(config.controllerNumber(settings, 3), 200);
+}
+
+TEST_F(FunctionKeyConfigTest, StoredMinusOneIsFatalNamingKeyValueAndFile)
+{
+    qsettings.setValue("PLK_F1_CC", -1);
+    qsettings.sync();
+    EXPECT_DEATH(config.controllerNumber(settings, 0), "-1 under \"PLK_F1_CC\" in .*plinkora.conf");
+}
+
+TEST_F(FunctionKeyConfigTest, Stored300IsFatal)
+{
+    qsettings.setValue("PLK_F2_CC", 300);
+    qsettings.sync();
+    EXPECT_DEATH(config.controllerNumber(settings, 1), "300 under \"PLK_F2_CC\"");
+}
+
+TEST(FunctionKeyTextParser, AcceptsDigitsWithOneOptionalSign)
+{
+    EXPECT_EQ(FunctionKeyConfig::parseUInt8("0"), 0);
+    EXPECT_EQ(FunctionKeyConfig::parseUInt8("255"), 255);
+    EXPECT_EQ(FunctionKeyConfig::parseUInt8("+7"), 7);
+    EXPECT_EQ(FunctionKeyConfig::parseUInt8("007"), 7);
+    EXPECT_EQ(FunctionKeyConfig::parseUInt8("0127"), 127);
+    EXPECT_EQ(FunctionKeyConfig::parseUInt8("-0"), 0);
+    EXPECT_EQ(FunctionKeyConfig::parseUInt8("-000"), 0);
+}
+
+TEST(FunctionKeyTextParser, RejectsEverythingElse)
+{
+    for (const char* text : {"", "+", "-", "-5", "256", "300", " 64", "64 ", "6 4", "abc", "1e2", "++1", "0x10",
+                             "99999999999999999999"})
+        EXPECT_EQ(FunctionKeyConfig::parseUInt8(text), std::nullopt) << '"' << text << '"';
+}
