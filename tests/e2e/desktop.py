@@ -1,0 +1,273 @@
+"""A private desktop for end-to-end tests of the real plinkora binary.
+
+Starts, each on a private name, an X server (Xvfb) with a window manager, a JACK server with
+the dummy driver, a JACK MIDI receiver listening to PLK:PLK, and plinkora itself; presses real
+keys through the X server with xdotool; and stops everything it started by process id, also
+when a test fails.
+
+Paths come from the environment (CTest sets them): PLINKORA_BIN, PLINKORA_RECEIVER.
+"""
+
+import os
+import re
+import shutil
+import signal
+import subprocess
+import tempfile
+import threading
+import time
+
+DEFAULT_TIMEOUT = 20.0
+
+
+class Process:
+    """A child process whose standard output lines are collected by a thread."""
+
+    def __init__(self, name, argv, env=None, capture=True):
+        self.name = name
+        self.lines = []
+        self._cond = threading.Condition()
+        self.proc = subprocess.Popen(
+            argv,
+            env=env,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE if capture else subprocess.DEVNULL,
+            stderr=subprocess.PIPE if capture else subprocess.DEVNULL,
+            text=True,
+            bufsize=1,
+            start_new_session=True,
+        )
+        self.stderr_lines = []
+        if capture:
+            threading.Thread(target=self._read, args=(self.proc.stdout, self.lines), daemon=True).start()
+            threading.Thread(target=self._read, args=(self.proc.stderr, self.stderr_lines), daemon=True).start()
+
+    @property
+    def pid(self):
+        return self.proc.pid
+
+    def _read(self, stream, into):
+        for line in stream:
+            with self._cond:
+                into.append(line.rstrip("\n"))
+                self._cond.notify_all()
+        with self._cond:
+            self._cond.notify_all()
+
+    def wait_for_line(self, pattern, timeout=DEFAULT_TIMEOUT, start=0):
+        """Index of the first line from `start` on that matches the regular expression."""
+        regex = re.compile(pattern)
+        deadline = time.monotonic() + timeout
+        with self._cond:
+            while True:
+                for i in range(start, len(self.lines)):
+                    if regex.search(self.lines[i]):
+                        return i
+                remaining = deadline - time.monotonic()
+                if remaining <= 0:
+                    raise AssertionError(
+                        f"{self.name}: no line matching {pattern!r} within {timeout} s; "
+                        f"stdout: {self.lines[-40:]}; stderr: {self.stderr_lines[-20:]}")
+                self._cond.wait(min(remaining, 0.2))
+
+    def snapshot(self):
+        with self._cond:
+            return list(self.lines)
+
+    def running(self):
+        return self.proc.poll() is None
+
+    def send_signal(self, sig):
+        if self.running():
+            os.kill(self.proc.pid, sig)
+
+    def wait(self, timeout=DEFAULT_TIMEOUT):
+        return self.proc.wait(timeout=timeout)
+
+    def stop(self, sig=signal.SIGTERM, timeout=10.0):
+        """Stops the process by its id: `sig`, then SIGKILL if it does not end in time."""
+        if self.proc.poll() is None:
+            try:
+                os.kill(self.proc.pid, sig)
+                self.proc.wait(timeout=timeout)
+            except subprocess.TimeoutExpired:
+                os.kill(self.proc.pid, signal.SIGKILL)
+                self.proc.wait(timeout=10)
+            except ProcessLookupError:
+                pass
+        for stream in (self.proc.stdout, self.proc.stderr):
+            if stream:
+                try:
+                    stream.close()
+                except OSError:
+                    pass
+        return self.proc.returncode
+
+
+class Desktop:
+    """Xvfb + openbox + private JACK + receiver; plinkora started on demand."""
+
+    def __init__(self, with_jack=True):
+        self.with_jack = with_jack
+        self.processes = []
+        self.plinkora = None
+        self.receiver = None
+        self.tmp = tempfile.mkdtemp(prefix="plinkora-e2e-")
+        self.jack_name = f"plk-e2e-{os.getpid()}-{id(self) & 0xffff:x}"
+        self.env = dict(os.environ)
+        for key in ("DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM", "SESSION_MANAGER", "DBUS_SESSION_BUS_ADDRESS"):
+            self.env.pop(key, None)
+        home = os.path.join(self.tmp, "home")
+        runtime = os.path.join(self.tmp, "runtime")
+        os.makedirs(home)
+        os.makedirs(runtime, mode=0o700)
+        self.env.update({
+            "HOME": home,
+            "XDG_CONFIG_HOME": os.path.join(home, ".config"),
+            "XDG_DATA_HOME": os.path.join(home, ".local", "share"),
+            "XDG_CACHE_HOME": os.path.join(home, ".cache"),
+            "XDG_RUNTIME_DIR": runtime,
+            "JACK_DEFAULT_SERVER": self.jack_name,
+            "JACK_NO_AUDIO_RESERVATION": "1",
+            "JACK_NO_START_SERVER": "1",
+            "LANG": "C.UTF-8",
+        })
+
+    # --- life ---------------------------------------------------------------------------
+
+    def __enter__(self):
+        try:
+            self._start_x()
+            if self.with_jack:
+                self._start_jack()
+        except BaseException:
+            self.close()
+            raise
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
+    def close(self):
+        for process in reversed(self.processes):
+            process.stop()
+        self.processes.clear()
+        shutil.rmtree(self.tmp, ignore_errors=True)
+
+    def _spawn(self, name, argv, env=None, capture=True):
+        process = Process(name, argv, env=env or self.env, capture=capture)
+        self.processes.append(process)
+        return process
+
+    def _start_x(self):
+        read_fd, write_fd = os.pipe()
+        xvfb = subprocess.Popen(
+            ["Xvfb", "-displayfd", str(write_fd), "-screen", "0", "1280x900x24", "-nolisten", "tcp", "-ac"],
+            pass_fds=(write_fd,), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            start_new_session=True)
+        os.close(write_fd)
+        wrapper = Process.__new__(Process)
+        wrapper.name, wrapper.proc, wrapper.lines, wrapper.stderr_lines = "Xvfb", xvfb, [], []
+        wrapper._cond = threading.Condition()
+        self.processes.append(wrapper)
+        with os.fdopen(read_fd) as f:
+            number = f.readline().strip()
+        if not number:
+            raise AssertionError("Xvfb did not start")
+        self.env["DISPLAY"] = f":{number}"
+        self._spawn("openbox", ["openbox", "--sm-disable"], capture=False)
+        time.sleep(0.5)  # openbox takes over focus handling
+
+    def _start_jack(self):
+        self._spawn("jackd", ["jackd", "--no-realtime", "-n", self.jack_name, "-d", "dummy", "-r", "48000", "-p", "64"])
+        self.wait_until(lambda: subprocess.run(["jack_lsp"], env=self.env, capture_output=True).returncode == 0,
+                        timeout=DEFAULT_TIMEOUT, what="the JACK server to answer")
+        self.receiver = self._spawn("receiver", [os.environ["PLINKORA_RECEIVER"], "--connect", "PLK:PLK"])
+        self.receiver.wait_for_line(r"^ready ")
+
+    # --- plinkora -----------------------------------------------------------------------
+
+    def start_plinkora(self, *args, wait_connected=True):
+        argv = [os.environ["PLINKORA_BIN"], *args]
+        if self.with_jack and "--midi-api" not in args:
+            argv += ["--midi-api", "jack"]
+        process = self._spawn("plinkora", argv)
+        if self.plinkora is None:
+            self.plinkora = process
+        if wait_connected and self.with_jack:
+            self.receiver.wait_for_line(r"^connected PLK:PLK$")
+        self.window = self.wait_for_window("^Plinkora$")
+        self.activate(self.window)
+        return process
+
+    def wait_for_window(self, name_regex, timeout=DEFAULT_TIMEOUT):
+        found = {}
+
+        def search():
+            out = self.xdotool("search", "--onlyvisible", "--name", name_regex, check=False)
+            if out:
+                found["id"] = out.split()[0]
+                return True
+            return False
+
+        self.wait_until(search, timeout=timeout, what=f"a window named {name_regex}")
+        return found["id"]
+
+    def activate(self, window):
+        self.xdotool("windowactivate", "--sync", window, check=False)
+        self.wait_until(lambda: self.xdotool("getactivewindow", check=False) == window, timeout=10,
+                        what="the window to be active")
+        time.sleep(0.2)
+
+    # --- keys ---------------------------------------------------------------------------
+
+    def xdotool(self, *args, check=True):
+        result = subprocess.run(["xdotool", *args], env=self.env, capture_output=True, text=True, timeout=30)
+        if check and result.returncode != 0:
+            raise AssertionError(f"xdotool {' '.join(args)} failed: {result.stderr}")
+        return result.stdout.strip() if result.returncode == 0 else None
+
+    def key(self, *keys):
+        """Presses and releases each key (X keysym names such as a, Tab, shift+Tab, ctrl+q)."""
+        for k in keys:
+            self.xdotool("key", "--clearmodifiers", k)
+
+    def chord(self, modifier, k):
+        """Holds `modifier`, presses and releases `k`, then lets the modifier go: the order in
+        which people press shortcuts (xdotool's own "ctrl+a" lets Control go first)."""
+        self.xdotool("keydown", modifier)
+        self.xdotool("key", k)
+        self.xdotool("keyup", modifier)
+
+    def keydown(self, k):
+        self.xdotool("keydown", k)
+
+    def keyup(self, k):
+        self.xdotool("keyup", k)
+
+    def set_layout(self, layout):
+        subprocess.run(["setxkbmap", layout], env=self.env, check=True, timeout=30)
+
+    # --- MIDI ---------------------------------------------------------------------------
+
+    def midi(self):
+        """The MIDI messages the receiver saw, as lists of byte values."""
+        return [[int(b, 16) for b in line.split()] for line in self.receiver.snapshot()
+                if re.fullmatch(r"[0-9A-F]{2}( [0-9A-F]{2})*", line)]
+
+    def wait_for_midi(self, count, timeout=DEFAULT_TIMEOUT):
+        self.wait_until(lambda: len(self.midi()) >= count, timeout=timeout,
+                        what=f"{count} MIDI messages (have {self.midi()})")
+        return self.midi()
+
+    def settle(self, seconds=0.4):
+        time.sleep(seconds)
+
+    @staticmethod
+    def wait_until(condition, timeout=DEFAULT_TIMEOUT, what="a condition", interval=0.05):
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            if condition():
+                return
+            time.sleep(interval)
+        raise AssertionError(f"timed out after {timeout} s waiting for {what}")
