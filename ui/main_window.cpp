@@ -1,0 +1,100 @@
+#include "ui/main_window.h"
+
+#include "platform/announcement_label.h"
+#include "ui/keyboard_view.h"
+
+#include <QAction>
+#include <QCloseEvent>
+#include <QLayout>
+#include <QMenu>
+#include <QMenuBar>
+#include <QScreen>
+#include <QStatusBar>
+
+namespace plinkora {
+
+MainWindow::MainWindow(KeyboardMonitor& keyboardMonitor)
+    : QMainWindow(nullptr)
+{
+    setWindowTitle(QStringLiteral("Plinkora"));
+    buildMenu();
+
+    keyboardView_ = new KeyboardView(keyboardMonitor);
+    setCentralWidget(keyboardView_);
+
+    // The status bar shows the last announcement; its label is what screen readers speak.
+    QStatusBar* bar = statusBar();
+    bar->setSizeGripEnabled(true);
+    announcementLabel_ = new AnnouncementLabel(bar);
+    bar->addWidget(announcementLabel_, 1);
+
+    fitContentArea();
+    // Centred on the screen.
+    if (const QScreen* where = screen())
+        move(where->availableGeometry().center() - rect().center());
+}
+
+MainWindow::~MainWindow() = default;
+
+void MainWindow::buildMenu()
+{
+#ifdef Q_OS_MACOS
+    // One menu bar for the whole application, shown whichever window is in front; Qt moves
+    // the three entries into the application menu by their roles.
+    sharedMenuBar_ = std::make_unique<QMenuBar>(nullptr);
+    QMenuBar* bar = sharedMenuBar_.get();
+#else
+    QMenuBar* bar = menuBar();
+#endif
+    applicationMenu_ = bar->addMenu(QStringLiteral("Plinkora"));
+
+    // Deliberately without action: shown greyed out, choosing it does nothing.
+    aboutAction_ = applicationMenu_->addAction(QStringLiteral("About Plinkora"));
+    aboutAction_->setEnabled(false);
+    applicationMenu_->addSeparator();
+    preferencesAction_ = applicationMenu_->addAction(QStringLiteral("Preferences..."));
+    preferencesAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma));
+    applicationMenu_->addSeparator();
+    quitAction_ = applicationMenu_->addAction(QStringLiteral("Quit Plinkora"));
+    quitAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
+
+    // The menu is the application's: its shortcuts work in the preferences window as well.
+    preferencesAction_->setShortcutContext(Qt::ApplicationShortcut);
+    quitAction_->setShortcutContext(Qt::ApplicationShortcut);
+
+#ifdef Q_OS_MACOS
+    aboutAction_->setMenuRole(QAction::AboutRole);
+    preferencesAction_->setMenuRole(QAction::PreferencesRole);
+    quitAction_->setMenuRole(QAction::QuitRole);
+#else
+    for (QAction* action : {aboutAction_, preferencesAction_, quitAction_})
+        action->setMenuRole(QAction::NoRole);
+#endif
+
+    connect(preferencesAction_, &QAction::triggered, this, &MainWindow::preferencesRequested);
+    connect(quitAction_, &QAction::triggered, this, &MainWindow::quitRequested);
+}
+
+void MainWindow::fitContentArea()
+{
+    layout()->activate();
+    const QSize content = centralWidget()->size();
+    resize(size() + keyboardView_->sizeHint() - content);
+    layout()->activate();
+}
+
+void MainWindow::closeEvent(QCloseEvent* event)
+{
+#ifdef Q_OS_MACOS
+    // On macOS the application keeps running with its menu bar when its main window closes,
+    // and clicking its Dock icon shows the same window again: closing only hides it.
+    event->accept();
+#else
+    // Linux and Windows have no application menu and no Dock: closing the main window quits,
+    // through the application's orderly shut-down.
+    event->accept();
+    emit closeRequested();
+#endif
+}
+
+} // namespace plinkora

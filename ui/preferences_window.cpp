@@ -1,0 +1,265 @@
+#include "ui/preferences_window.h"
+
+#include "benders/bender_controller.h"
+#include "common/settings_store.h"
+#include "input/function_key_config.h"
+#include "ui/design_fonts.h"
+#include "ui/preference_controls.h"
+
+#include <QCloseEvent>
+#include <QKeyEvent>
+#include <QLabel>
+#include <QLineEdit>
+#include <QScreen>
+
+#include <cstdio>
+#include <optional>
+
+namespace plinkora {
+
+namespace {
+
+/// The frames are drawn bottom-up (y from the parent's bottom edge); Qt counts from the top.
+QRect frameInParent(int x, int y, int width, int height, int parentHeight)
+{
+    return {x, parentHeight - y - height, width, height};
+}
+
+/// A speed as the window shows it: C's "%.0f" (no decimals, the C library's rounding).
+QString speedText(double speed)
+{
+    char buffer[400]; // room for the largest finite double in full
+    std::snprintf(buffer, sizeof buffer, "%.0f", speed);
+    return QString::fromLatin1(buffer);
+}
+
+QLabel* makeLabel(const QString& text, QWidget* parent, const QRect& frame)
+{
+    auto* label = new QLabel(text, parent);
+    label->setTextFormat(Qt::PlainText);
+    label->setTextInteractionFlags(Qt::NoTextInteraction);
+    label->setGeometry(frame);
+    return label;
+}
+
+constexpr int kBenderGroupHeight = 190;
+constexpr int kFunctionKeyGroupHeight = 162;
+
+} // namespace
+
+PreferencesWindow::PreferencesWindow(BenderController& benderController, SettingsStore& settings)
+    : QWidget(nullptr, Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint | Qt::WindowSystemMenuHint
+                           | Qt::WindowCloseButtonHint)
+    , benderController_(benderController)
+    , settings_(settings)
+{
+    setWindowTitle(QStringLiteral("Preferences"));
+    // Titled and closable, neither resizable nor minimisable.
+    setFixedSize(kWidth, kHeight);
+    // Closing hides the window; its owner deletes it when told by `closed`.
+    setAttribute(Qt::WA_DeleteOnClose, false);
+    setBackgroundRole(QPalette::Window);
+    setAutoFillBackground(true);
+    setupUI();
+    // Centred on the screen.
+    if (const QScreen* where = screen())
+        move(where->availableGeometry().center() - QPoint(kWidth / 2, kHeight / 2));
+}
+
+PreferencesWindow::~PreferencesWindow()
+{
+    // No control reaches the window while it is torn down: the sliders first, then the fields.
+    for (QWidget* slider : {static_cast<QWidget*>(pitchSpeedSlider_), static_cast<QWidget*>(modSpeedSlider_)}) {
+        slider->disconnect(this);
+        slider->removeEventFilter(this);
+    }
+    for (QLineEdit* field : ccFields_) {
+        field->disconnect(this);
+        field->removeEventFilter(this);
+    }
+}
+
+void PreferencesWindow::setupUI()
+{
+    setupBenderGroup();
+    setupFunctionKeyGroup();
+
+    // The whole window by keyboard: the two sliders, then F1 to F4.
+    setTabOrder(pitchSpeedSlider_, modSpeedSlider_);
+    setTabOrder(modSpeedSlider_, ccFields_[0]);
+    for (std::size_t i = 1; i < ccFields_.size(); ++i)
+        setTabOrder(ccFields_[i - 1], ccFields_[i]);
+
+    // The close key is the window's: it is looked at before the focused control, which might
+    // otherwise take Ctrl+Alt+W as a typed character.
+    pitchSpeedSlider_->installEventFilter(this);
+    modSpeedSlider_->installEventFilter(this);
+    for (QLineEdit* field : ccFields_)
+        field->installEventFilter(this);
+}
+
+void PreferencesWindow::setupBenderGroup()
+{
+    constexpr int h = kBenderGroupHeight;
+    benderGroup_ = new SettingsGroup(QStringLiteral("Bender Settings"), this);
+    benderGroup_->setGeometry(frameInParent(0, 260, 400, h, kHeight));
+
+    QLabel* heading = makeLabel(QStringLiteral("Bender Settings"), benderGroup_, frameInParent(20, 140, 360, 30, h));
+    heading->setFont(designfonts::systemFont(18, QFont::Bold));
+
+    const auto speedRow = [this](const QString& caption, int rowY, double speed, QLabel*& valueLabel,
+                                 SpeedSlider*& slider, const QString& sliderName) {
+        QLabel* captionLabel = makeLabel(caption, benderGroup_, frameInParent(20, rowY, 150, 20, h));
+        captionLabel->setFont(designfonts::systemFont(14));
+
+        valueLabel = makeLabel(speedText(speed), benderGroup_, frameInParent(320, rowY, 60, 20, h));
+        valueLabel->setFont(designfonts::monospacedFont(14));
+        valueLabel->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+
+        slider = new SpeedSlider(kMinimumSpeed, kMaximumSpeed, benderGroup_);
+        slider->setGeometry(frameInParent(20, rowY - 30, 360, 25, h));
+        slider->setAccessibleName(sliderName);
+        // Setting the start value is not a user's move: nothing is applied or stored.
+        slider->setDoubleValue(speed);
+        captionLabel->setBuddy(slider);
+    };
+    speedRow(QStringLiteral("Pitch Bend Speed:"), 100, benderController_.pitchBendSpeed, pitchSpeedLabel_,
+             pitchSpeedSlider_, QStringLiteral("Pitch Bend Speed"));
+    speedRow(QStringLiteral("Modulation Speed:"), 30, benderController_.modulationSpeed, modSpeedLabel_,
+             modSpeedSlider_, QStringLiteral("Modulation Speed"));
+
+    // Sliders report while dragged (Qt's default, tracking), as the user moves them.
+    connect(pitchSpeedSlider_, &QSlider::valueChanged, this, &PreferencesWindow::pitchSpeedChanged);
+    connect(modSpeedSlider_, &QSlider::valueChanged, this, &PreferencesWindow::modSpeedChanged);
+}
+
+void PreferencesWindow::setupFunctionKeyGroup()
+{
+    constexpr int h = kFunctionKeyGroupHeight;
+    functionKeyGroup_ = new SettingsGroup(QStringLiteral("Function Key MIDI Controllers"), this);
+    // Its top edge lies 10 inside the bottom of the bender group, as drawn.
+    functionKeyGroup_->setGeometry(frameInParent(0, 108, 400, h, kHeight));
+
+    QLabel* heading =
+        makeLabel(QStringLiteral("Function Key MIDI Controllers"), functionKeyGroup_, frameInParent(20, 132, 360, 30, h));
+    heading->setFont(designfonts::systemFont(18, QFont::Bold));
+
+    using Handler = void (PreferencesWindow::*)();
+    const std::array<Handler, 4> handlers{&PreferencesWindow::f1CCChanged, &PreferencesWindow::f2CCChanged,
+                                          &PreferencesWindow::f3CCChanged, &PreferencesWindow::f4CCChanged};
+    for (int n = 1; n <= 4; ++n) {
+        const int index = n - 1;
+        const int rowY = 100 - 30 * index;
+        QLabel* caption =
+            makeLabel(QStringLiteral("F%1 CC:").arg(n), functionKeyGroup_, frameInParent(20, rowY + 2, 80, 20, h));
+        caption->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+
+        auto* field = new QLineEdit(storedCCText(index), functionKeyGroup_);
+        field->setGeometry(frameInParent(110, rowY, 60, 24, h));
+        field->setAccessibleName(QStringLiteral("F%1 MIDI CC number").arg(n));
+        caption->setBuddy(field);
+        ccFields_[static_cast<std::size_t>(index)] = field;
+
+        // Return commits what is typed, as the field's action. Leaving the field (Tab, a click
+        // elsewhere, another window, closing) commits it too, but only when the user changed
+        // the text, so that what the field shows is what is stored and a number put back
+        // after a rejected entry is never stored by merely leaving.
+        connect(field, &QLineEdit::returnPressed, this, handlers[static_cast<std::size_t>(index)]);
+        connect(field, &QLineEdit::editingFinished, this, [this, index] { commitIfEdited(index); });
+    }
+}
+
+QString PreferencesWindow::storedCCText(int index) const
+{
+    return QString::number(FunctionKeyConfig::shared().controllerNumber(settings_, index));
+}
+
+void PreferencesWindow::pitchSpeedChanged()
+{
+    const double speed = pitchSpeedSlider_->doubleValue();
+    benderController_.pitchBendSpeed = speed;
+    pitchSpeedLabel_->setText(speedText(speed));
+    settings_.setDouble(speed, QString::fromLatin1(BenderController::kPitchBendSpeedKey));
+}
+
+void PreferencesWindow::modSpeedChanged()
+{
+    const double speed = modSpeedSlider_->doubleValue();
+    benderController_.modulationSpeed = speed;
+    modSpeedLabel_->setText(speedText(speed));
+    settings_.setDouble(speed, QString::fromLatin1(BenderController::kModulationSpeedKey));
+}
+
+void PreferencesWindow::f1CCChanged()
+{
+    ccChanged(0);
+}
+
+void PreferencesWindow::f2CCChanged()
+{
+    ccChanged(1);
+}
+
+void PreferencesWindow::f3CCChanged()
+{
+    ccChanged(2);
+}
+
+void PreferencesWindow::f4CCChanged()
+{
+    ccChanged(3);
+}
+
+void PreferencesWindow::ccChanged(int index)
+{
+    QLineEdit* field = ccField(index);
+    const std::optional<QString> putBack = FunctionKeyConfig::shared().storeTypedText(settings_, index, field->text());
+    // Rejected: show the stored number again, silently (no sound, no message).
+    if (putBack)
+        field->setText(*putBack);
+    // Committed either way: leaving the field now changes nothing.
+    field->setModified(false);
+}
+
+void PreferencesWindow::commitIfEdited(int index)
+{
+    if (ccField(index)->isModified())
+        ccChanged(index);
+}
+
+bool PreferencesWindow::isCloseKey(const QKeyEvent& event)
+{
+    // Ctrl+W (Command+W on macOS) closes, also with Alt or Meta held; with Shift it is a
+    // capital W and does not.
+    return event.type() == QEvent::KeyPress && (event.modifiers() & Qt::ControlModifier)
+        && !(event.modifiers() & Qt::ShiftModifier) && event.key() == Qt::Key_W;
+}
+
+bool PreferencesWindow::eventFilter(QObject* watched, QEvent* event)
+{
+    if (event->type() == QEvent::KeyPress && isCloseKey(*static_cast<QKeyEvent*>(event))) {
+        event->accept();
+        close();
+        return true;
+    }
+    return QWidget::eventFilter(watched, event);
+}
+
+void PreferencesWindow::keyPressEvent(QKeyEvent* event)
+{
+    if (isCloseKey(*event)) {
+        event->accept();
+        close();
+        return;
+    }
+    QWidget::keyPressEvent(event);
+}
+
+void PreferencesWindow::closeEvent(QCloseEvent* event)
+{
+    QWidget::closeEvent(event);
+    if (event->isAccepted())
+        emit closed();
+}
+
+} // namespace plinkora
