@@ -1,0 +1,197 @@
+#include "app/app_delegate.h"
+
+#include "app/key_event_filter.h"
+#include "benders/bender_controller.h"
+#include "benders/sound_player.h"
+#include "common/diagnostics.h"
+#include "input/keyboard_monitor.h"
+#include "midi/midi_manager.h"
+#include "properties/announcer.h"
+#include "properties/property_manager.h"
+#include "ui/keyboard_view.h"
+#include "ui/main_window.h"
+#include "ui/preferences_window.h"
+
+#include <QApplication>
+#include <QScreen>
+#include <QThread>
+#include <QTimer>
+
+#include <cstdlib>
+
+namespace plinkora {
+
+namespace {
+
+// The window that receives keyboard input: an open popup (a menu) takes it from its window.
+QObject* applicationKeyWindow()
+{
+    if (QWidget* popup = QApplication::activePopupWidget())
+        return popup;
+    return QApplication::activeWindow();
+}
+
+// The delegate of this process, for the exit handler.
+AppDelegate* runningDelegate = nullptr;
+
+// Qt ends the process with exit() when the display connection breaks (the X server or the
+// Wayland compositor went away, as at the end of a session): the termination runs then too.
+void terminateAtExit()
+{
+    if (runningDelegate && QCoreApplication::instance()
+        && QThread::currentThread() == QCoreApplication::instance()->thread())
+        runningDelegate->applicationWillTerminate();
+}
+
+void bringForward(QWidget& window)
+{
+    if (window.isMinimized())
+        window.setWindowState(window.windowState() & ~Qt::WindowMinimized);
+    window.show();
+    window.raise();
+    window.activateWindow();
+}
+
+} // namespace
+
+AppDelegate::AppDelegate(SettingsStore& settings, AppServices services)
+    : QObject(nullptr)
+    , settings_(settings)
+    , services_(std::move(services))
+{
+    static const bool exitHandlerInstalled = std::atexit(&terminateAtExit) == 0;
+    (void)exitHandlerInstalled;
+    if (!runningDelegate)
+        runningDelegate = this;
+}
+
+AppDelegate::~AppDelegate()
+{
+    applicationWillTerminate();
+    if (runningDelegate == this)
+        runningDelegate = nullptr;
+    // The windows show the monitor and its bender controller: they go first.
+    for (const QPointer<PreferencesWindow>& closed : closedPreferences_)
+        delete closed.data();
+    preferencesWindow.reset();
+    window.reset();
+    keyEventFilter_.reset();
+    keyboardMonitor.reset();
+    midiManager.reset();
+}
+
+void AppDelegate::publishMidiPort()
+{
+    // The MIDI output first: the port "PLK" is published before anything can play. A failure
+    // is reported by the MIDI output itself and does not stop the start-up.
+    if (!midiManager)
+        midiManager = std::make_unique<MIDIManager>(services_.makeMidiBackend());
+}
+
+void AppDelegate::applicationDidFinishLaunching()
+{
+    if (launched_)
+        return;
+    launched_ = true;
+
+    // The event loop ends: by quit(), or by the session manager's "die" at the end of the
+    // session. commitDataRequest is not a reason to stop: the session manager sends it before
+    // the session ends and for mere checkpoints alike, and Plinkora has nothing to save. The end
+    // of the session arrives as "die" (here), SIGTERM or SIGHUP, or the display going away
+    // (the exit handler).
+    connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this,
+            &AppDelegate::applicationWillTerminate);
+
+    // The menu bar belongs to the main window on Linux and Windows; it is made with it below.
+    publishMidiPort();
+
+    std::unique_ptr<SoundPlayer> soundPlayer = services_.makeSoundPlayer();
+    std::unique_ptr<Announcer> announcer = services_.makeAnnouncer();
+    keyboardMonitor = std::make_unique<KeyboardMonitor>(*midiManager, settings_, std::move(soundPlayer),
+                                                        std::move(announcer));
+    keyboardMonitor->keyWindow = &applicationKeyWindow;
+
+    keyEventFilter_ = std::make_unique<KeyEventFilter>(*keyboardMonitor);
+    keyEventFilter_->install();
+    keyboardMonitor->localMonitor = keyEventFilter_.get();
+
+    showKeyboard();
+
+    if (services_.attachAnnouncementLabel && keyboardMonitor->propertyManager->speechSynthesizer)
+        services_.attachAnnouncementLabel(*keyboardMonitor->propertyManager->speechSynthesizer,
+                                          window->announcementLabel());
+}
+
+void AppDelegate::showKeyboard()
+{
+    if (window) {
+        bringForward(*window);
+        return;
+    }
+    if (!keyboardMonitor)
+        fatal("AppDelegate::showKeyboard: the main window needs the keyboard monitor, and there is none");
+
+    window = std::make_unique<MainWindow>(*keyboardMonitor);
+    if (const QScreen* screen = window->screen())
+        window->move(screen->availableGeometry().center() - window->rect().center());
+    connect(window.get(), &MainWindow::preferencesRequested, this, &AppDelegate::showPreferences);
+    connect(window.get(), &MainWindow::quitRequested, this, &AppDelegate::requestQuit);
+    connect(window.get(), &MainWindow::closeRequested, this, &AppDelegate::requestQuit);
+    bringForward(*window);
+    keyboardMonitor->keyboardWindow = window.get();
+
+    // One turn of the event loop later, when the window is on screen, the view takes focus.
+    QTimer::singleShot(0, window.get(), [view = QPointer<KeyboardView>(window->keyboardView())] {
+        if (view)
+            view->setFocus(Qt::ActiveWindowFocusReason);
+    });
+}
+
+void AppDelegate::showPreferences()
+{
+    if (!keyboardMonitor)
+        return;
+    if (!preferencesWindow) {
+        preferencesWindow = std::make_unique<PreferencesWindow>(*keyboardMonitor->benderController, settings_);
+        connect(preferencesWindow.get(), &PreferencesWindow::closed, this, &AppDelegate::preferencesClosed);
+    }
+    bringForward(*preferencesWindow);
+}
+
+void AppDelegate::preferencesClosed()
+{
+    // The window is inside its own close handling: it is deleted on the next turn.
+    if (!preferencesWindow || sender() != preferencesWindow.get())
+        return;
+    PreferencesWindow* closed = preferencesWindow.release();
+    closed->disconnect(this);
+    std::erase_if(closedPreferences_, [](const QPointer<PreferencesWindow>& gone) { return gone.isNull(); });
+    closedPreferences_.emplace_back(closed);
+    closed->deleteLater();
+}
+
+void AppDelegate::applicationWillTerminate()
+{
+    if (terminated_)
+        return;
+    terminated_ = true;
+    // Key events can no longer start notes while the last MIDI messages go out.
+    if (keyboardMonitor && keyboardMonitor->localMonitor) {
+        if (auto* filter = qobject_cast<KeyEventFilter*>(keyboardMonitor->localMonitor.data()))
+            filter->remove();
+    }
+    if (midiManager)
+        midiManager->cleanup();
+    emit terminated();
+}
+
+void AppDelegate::requestQuit()
+{
+    applicationWillTerminate();
+    if (services_.quitEventLoop)
+        services_.quitEventLoop();
+    else
+        QCoreApplication::quit();
+}
+
+} // namespace plinkora

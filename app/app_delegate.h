@@ -1,0 +1,110 @@
+#pragma once
+
+#include <QObject>
+#include <QPointer>
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace plinkora {
+
+class AnnouncementLabel;
+class Announcer;
+class KeyEventFilter;
+class KeyboardMonitor;
+class MainWindow;
+class MidiBackend;
+class MIDIManager;
+class PreferencesWindow;
+class SettingsStore;
+class SoundPlayer;
+
+/// What the application takes from the desktop, each made when the start-up needs it. The
+/// program passes the real ones (desktopServices() in app/desktop_services.h); tests pass fakes.
+struct AppServices
+{
+    /// The MIDI back end; made first at launch, and the port is published at once.
+    std::function<std::unique_ptr<MidiBackend>()> makeMidiBackend;
+    /// The player of the feedback sounds, for the bender controller.
+    std::function<std::unique_ptr<SoundPlayer>()> makeSoundPlayer;
+    /// The announcer (speech and screen readers), for the property manager.
+    std::function<std::unique_ptr<Announcer>()> makeAnnouncer;
+    /// Hands the announcer made above the status bar's label, once the main window exists.
+    std::function<void(Announcer&, AnnouncementLabel*)> attachAnnouncementLabel;
+    /// Ends the event loop after the termination; QCoreApplication::quit() when empty.
+    std::function<void()> quitEventLoop;
+};
+
+/// The application delegate: creates the long-lived objects in their order (MIDI output,
+/// keyboard monitor, key-event filter, main window), shows the main window and the
+/// preferences window on request, and at the end removes the key-event filter and silences the
+/// MIDI output, once, whichever way the application ends. Main thread only.
+class AppDelegate final : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// Empties the fields; nothing else happens before launch. May be made before the
+    /// QApplication.
+    AppDelegate(SettingsStore& settings, AppServices services);
+    /// Runs the termination if it has not run (so it is never skipped), then destroys the
+    /// windows before the objects they show.
+    ~AppDelegate() override;
+
+    AppDelegate() = delete;
+    AppDelegate(const AppDelegate&) = delete;
+    AppDelegate& operator=(const AppDelegate&) = delete;
+
+    /// The MIDI output; made at launch, lives until the delegate goes.
+    std::unique_ptr<MIDIManager> midiManager;
+    /// The key handling; made at launch right after the MIDI output.
+    std::unique_ptr<KeyboardMonitor> keyboardMonitor;
+    /// The main window; made by the first showKeyboard() and never cleared.
+    std::unique_ptr<MainWindow> window;
+    /// The preferences window while it is open; cleared when it closes.
+    std::unique_ptr<PreferencesWindow> preferencesWindow;
+
+    /// The key-event filter (the keyboard monitor's localMonitor), null before launch.
+    KeyEventFilter* keyEventFilter() const { return keyEventFilter_.get(); }
+    /// True once the termination has run.
+    bool hasTerminated() const { return terminated_; }
+
+public slots:
+    /// The first step of the start-up on its own: makes the MIDI output, which publishes the
+    /// port "PLK". Needs no application object, so the program runs it before the toolkit
+    /// starts; applicationDidFinishLaunching() runs it when it has not run. Runs once.
+    void publishMidiPort();
+    /// Start-up, in order: MIDI output (the port "PLK" is published, unless publishMidiPort()
+    /// did it already), keyboard monitor, key-event filter (stored in the monitor's
+    /// localMonitor), main window with its menu bar (showKeyboard), the announcer's status-bar
+    /// label. Needs the QApplication. Runs once.
+    void applicationDidFinishLaunching();
+    /// Shows the main window, making it on first use, brings it to the front and activates it.
+    void showKeyboard();
+    /// Shows the preferences window: the one that is open, or a new one.
+    void showPreferences();
+    /// Termination: removes the key-event filter, then cleans up the MIDI output (note-offs
+    /// for the sounding notes, pitch bend centred, modulation 0, the port withdrawn). Runs once;
+    /// later calls do nothing.
+    void applicationWillTerminate();
+    /// Every way of quitting ends here: the termination, then the event loop is told to end.
+    void requestQuit();
+
+signals:
+    /// The termination has run.
+    void terminated();
+
+private:
+    void preferencesClosed();
+
+    SettingsStore& settings_;
+    AppServices services_;
+    std::unique_ptr<KeyEventFilter> keyEventFilter_;
+    // Closed preferences windows waiting for their deferred deletion.
+    std::vector<QPointer<PreferencesWindow>> closedPreferences_;
+    bool launched_ = false;
+    bool terminated_ = false;
+};
+
+} // namespace plinkora

@@ -1,0 +1,162 @@
+#include "app/command_line.h"
+
+#include "midi/backend_factory.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <string_view>
+
+namespace plinkora {
+
+namespace {
+
+// Qt's standard options, left in place for the application object to read. Qt accepts them
+// with one dash or two.
+constexpr std::array<std::string_view, 15> kQtOptionsWithValue{
+    "platform", "platformpluginpath", "platformtheme", "plugin", "qwindowgeometry", "geometry", "qwindowtitle",
+    "title",    "qwindowicon",        "icon",          "display", "name",           "style",    "stylesheet",
+    "session",
+};
+constexpr std::array<std::string_view, 5> kQtFlags{"reverse", "widgetcount", "nograb", "dograb", "sync"};
+
+std::string validNames()
+{
+    std::string names;
+    for (std::size_t i = 0; i < kMidiApis.size(); ++i) {
+        if (i > 0)
+            names += i + 1 == kMidiApis.size() ? " or " : ", ";
+        names += kMidiApis[i].name;
+    }
+    return names;
+}
+
+std::string_view withoutDashes(std::string_view argument)
+{
+    if (argument.starts_with("--"))
+        return argument.substr(2);
+    if (argument.starts_with("-"))
+        return argument.substr(1);
+    return argument;
+}
+
+bool contains(const auto& list, std::string_view name)
+{
+    return std::find(list.begin(), list.end(), name) != list.end();
+}
+
+CommandLine failure(std::string text)
+{
+    CommandLine result;
+    result.action = CommandLine::Action::Fail;
+    result.text = "plinkora: " + std::move(text);
+    result.exitCode = kExitUsage;
+    return result;
+}
+
+} // namespace
+
+CommandLine parseCommandLine(const std::vector<std::string>& arguments)
+{
+    CommandLine result;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const std::string_view argument = arguments[i];
+        if (argument == "--help" || argument == "-h") {
+            result.action = CommandLine::Action::ShowHelp;
+            result.text = helpText();
+            return result;
+        }
+        if (argument == "--version" || argument == "-v") {
+            result.action = CommandLine::Action::ShowVersion;
+            result.text = versionText();
+            return result;
+        }
+        if (argument == "--midi-api" || argument.starts_with("--midi-api=")) {
+            std::string_view value;
+            if (argument == "--midi-api") {
+                if (i + 1 >= arguments.size())
+                    return failure("--midi-api needs the name of a MIDI system: " + validNames());
+                value = arguments[++i];
+            } else {
+                value = argument.substr(std::string_view("--midi-api=").size());
+            }
+            const MidiApiParse parsed = parseMidiApi(value);
+            if (!parsed.kind)
+                return failure(parsed.error);
+            result.midiApi = std::string(midiApiName(*parsed.kind));
+            continue;
+        }
+        if (argument.starts_with("-") && argument.size() > 1) {
+            std::string_view name = withoutDashes(argument);
+            const std::size_t equals = name.find('=');
+            const bool inlineValue = equals != std::string_view::npos;
+            if (inlineValue)
+                name = name.substr(0, equals);
+            if (contains(kQtOptionsWithValue, name)) {
+                if (!inlineValue && i + 1 >= arguments.size())
+                    return failure("the option " + std::string(argument) + " needs a value");
+                if (name == "platform")
+                    result.platformOption = true;
+                if (!inlineValue)
+                    ++i;
+                continue;
+            }
+            if (contains(kQtFlags, name) && !inlineValue)
+                continue;
+            return failure("unknown option " + std::string(argument) + "; see plinkora --help");
+        }
+        return failure("unexpected argument " + std::string(argument) + "; see plinkora --help");
+    }
+    return result;
+}
+
+std::string helpText()
+{
+    return "Usage: plinkora [--midi-api NAME]\n"
+           "Plays the computer keyboard as a MIDI controller on the virtual MIDI port \"PLK\".\n"
+           "\n"
+           "Options:\n"
+           "  --midi-api NAME  the MIDI system to publish the port on: "
+        + validNames()
+        + ".\n"
+          "                   Without it: the setting \"MidiApi\", else the first that works of\n"
+          "                   the system's MIDI service, a JACK server that is already running,\n"
+          "                   and null (no port).\n"
+          "  -h, --help       show this help and exit\n"
+          "  -v, --version    show the version and exit\n"
+          "\n"
+          "Qt's standard options (-platform NAME, -style NAME, ...) are accepted too.\n"
+          "Without a screen, run it under Xvfb: xvfb-run -a plinkora\n";
+}
+
+std::string versionText()
+{
+#ifdef PLINKORA_VERSION
+    return std::string("plinkora ") + PLINKORA_VERSION + "\n";
+#else
+    return "plinkora\n";
+#endif
+}
+
+std::string readEnvironment(const char* name)
+{
+    const char* value = std::getenv(name);
+    return value ? std::string(value) : std::string();
+}
+
+std::optional<std::string> missingDisplayMessage(bool platformOption, EnvironmentReader environment)
+{
+#if defined(__APPLE__) || defined(_WIN32)
+    (void)platformOption;
+    (void)environment;
+    return std::nullopt;
+#else
+    if (platformOption || !environment("QT_QPA_PLATFORM").empty() || !environment("DISPLAY").empty()
+        || !environment("WAYLAND_DISPLAY").empty())
+        return std::nullopt;
+    return "plinkora: no display: neither DISPLAY nor WAYLAND_DISPLAY is set. Start it from a desktop session, "
+           "or without a screen under Xvfb: xvfb-run -a plinkora";
+#endif
+}
+
+} // namespace plinkora

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+// The command line of `plinkora` and the checks made before anything else exists. Plain
+// standard C++: it runs before the Qt application object is made.
+namespace plinkora {
+
+struct CommandLine
+{
+    enum class Action
+    {
+        Run,         // start Plinkora
+        ShowHelp,    // print `text` on standard output, exit 0
+        ShowVersion, // print `text` on standard output, exit 0
+        Fail,        // print `text` on standard error, exit with `exitCode`
+    };
+
+    Action action = Action::Run;
+    /// The MIDI system named by --midi-api, as written in the name table; empty when not given.
+    std::optional<std::string> midiApi;
+    /// Whether Qt's own -platform option was given (it chooses the display like QT_QPA_PLATFORM).
+    bool platformOption = false;
+    std::string text;
+    int exitCode = 0;
+};
+
+/// Exit code for a command line that cannot be used.
+inline constexpr int kExitUsage = 2;
+/// Exit code when there is no display to show the window on.
+inline constexpr int kExitNoDisplay = 1;
+
+/// Reads the arguments after the program name. Accepts --help (-h), --version (-v),
+/// --midi-api NAME (or --midi-api=NAME, any case) and Qt's standard options, which are left
+/// for Qt. Anything else, or an unknown MIDI system, gives Action::Fail with one line and exit
+/// code 2.
+CommandLine parseCommandLine(const std::vector<std::string>& arguments);
+
+/// The text of --help.
+std::string helpText();
+/// The text of --version: "plinkora" and the version.
+std::string versionText();
+
+/// Reads an environment variable; empty when unset.
+using EnvironmentReader = std::string (*)(const char* name);
+std::string readEnvironment(const char* name);
+
+/// On Linux: when neither DISPLAY nor WAYLAND_DISPLAY is set and neither QT_QPA_PLATFORM nor
+/// -platform chooses another platform, the one line that says so and how to run without a
+/// screen (under Xvfb). Nothing when there is a display, and never on macOS or Windows.
+std::optional<std::string> missingDisplayMessage(bool platformOption, EnvironmentReader environment = readEnvironment);
+
+} // namespace plinkora

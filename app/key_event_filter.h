@@ -1,0 +1,120 @@
+#pragma once
+
+#include "input/key_map.h"
+
+#include <QAccessible>
+#include <QObject>
+
+#include <array>
+#include <bitset>
+#include <chrono>
+#include <cstdint>
+
+class QKeyEvent;
+
+namespace plinkora {
+
+class KeyboardMonitor;
+
+/// The local key-event monitor: one application-wide event filter that turns each key press
+/// and release into a plain key event (position code, Shift and Command flags), and presses
+/// and releases of Shift, Control, Alt and Super into modifier-change events, hands it to the
+/// keyboard monitor once, and swallows what the monitor swallows. Main thread only.
+///
+/// Qt delivers one key event to the window and then again to the focus widget (and to its
+/// parents when the widget ignores it); the monitor sees the first delivery only, and every
+/// later delivery of the same event gets the same answer. X11's synthetic auto-repeat releases
+/// never reach the monitor (the X server is asked not to send them, and those Qt flags as
+/// auto-repeat are dropped); auto-repeated presses arrive as key-downs. How the filter stands
+/// with the accessibility bridge's own key filter is explained in the .cpp.
+class KeyEventFilter final : public QObject, private QAccessible::ActivationObserver
+{
+    Q_OBJECT
+
+public:
+    /// A filter feeding `monitor`; not installed yet.
+    explicit KeyEventFilter(KeyboardMonitor& monitor);
+    /// Removes the filter if it is still installed.
+    ~KeyEventFilter() override;
+
+    KeyEventFilter() = delete;
+    KeyEventFilter(const KeyEventFilter&) = delete;
+    KeyEventFilter& operator=(const KeyEventFilter&) = delete;
+
+    /// Installs the filter on the application, in front of every filter installed before.
+    void install();
+    /// Removes the filter from the application and lets go of the monitor: from now on no key
+    /// event reaches it. Nothing happens when the filter is not installed.
+    void remove();
+    bool isInstalled() const { return installed_; }
+
+    /// Modifier flags after the last modifier change: Shift while either Shift key is held,
+    /// Command while either key of the platform's shortcut modifier is held.
+    std::uint64_t heldModifierFlags() const;
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
+private:
+    // What identifies a key event and a copy of it made by the accessibility bridge (which
+    // keeps the type, the key, the native codes and the auto-repeat flag, but not the time).
+    struct Signature
+    {
+        int type = 0;
+        int key = 0;
+        std::uint32_t scanCode = 0;
+        std::uint32_t virtualKey = 0;
+        std::uint32_t nativeModifiers = 0;
+        bool autoRepeat = false;
+        bool operator==(const Signature&) const = default;
+    };
+    static Signature signatureOf(const QKeyEvent& event);
+
+    // A spontaneous event acted on at its window, which a filter behind this one (the
+    // accessibility bridge) may have taken away and may post again.
+    struct Pending
+    {
+        Signature signature;
+        bool swallow = false;
+        std::chrono::steady_clock::time_point seen;
+    };
+
+    /// Converts the event, hands it to the monitor, returns the monitor's decision.
+    bool act(const QKeyEvent& event);
+    /// Makes `event` the current one, whose later deliveries get `swallow`; returns `swallow`.
+    bool remember(const QEvent* event, const Signature& signature, bool swallow, bool pending);
+    /// The decision of the copy of a taken-away event, removing its record; false in `found`
+    /// when it is no such copy.
+    bool takeRepost(const Signature& signature, bool& found);
+    void rememberPending(const Signature& signature, bool swallow);
+    void forgetLastPending();
+    /// Puts this filter back in front of the other application filters on the next turn of the
+    /// event loop (never while Qt walks the filter list).
+    void scheduleMoveToFront();
+    void accessibilityActiveChanged(bool active) override;
+
+    KeyboardMonitor* monitor_ = nullptr;
+    bool installed_ = false;
+
+    // The event of the last first delivery, and the answer every later delivery gets.
+    const QEvent* currentEvent_ = nullptr;
+    Signature currentSignature_;
+    bool currentSwallow_ = false;
+    bool currentPending_ = false;
+
+    static constexpr std::size_t kMaxPending = 64;
+    std::array<Pending, kMaxPending> pending_{};
+    std::size_t pendingStart_ = 0;
+    std::size_t pendingCount_ = 0;
+
+    // Modifier keys held, by position code (the eight modifier keys are below 64).
+    std::bitset<64> heldModifiers_;
+    // The last key-down handed to the monitor, for the auto-repeat releases that follow it.
+    KeyCode lastDownCode_ = kNoKeyCode;
+    bool lastDownSwallowed_ = false;
+
+    bool moveToFrontScheduled_ = false;
+    bool observingAccessibility_ = false;
+};
+
+} // namespace plinkora

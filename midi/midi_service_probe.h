@@ -1,0 +1,33 @@
+#pragma once
+
+// Cheap checks of which MIDI services this machine offers, for choosing a back end and for
+// failing cleanly (a status, no noise on standard error) when a service is missing.
+namespace plinkora {
+
+/// True when the ALSA sequencer can be opened (Linux only; false elsewhere).
+bool alsaSequencerAvailable();
+
+/// True when a JACK server is already running ($JACK_DEFAULT_SERVER, else JACK's default).
+/// Opens a client and closes it at once; never starts a server.
+bool jackServerRunning();
+
+/// Makes sure no JACK client of this process starts a JACK server: sets JACK_NO_START_SERVER
+/// unless it is set already. Called before anything touches libjack.
+void forbidJackServerStart();
+
+/// While it lives, libjack's error and information messages are dropped instead of printed
+/// (libjack prints several lines when it finds no server). Main thread only.
+class QuietJackMessages
+{
+public:
+    QuietJackMessages();
+    ~QuietJackMessages();
+    QuietJackMessages(const QuietJackMessages&) = delete;
+    QuietJackMessages& operator=(const QuietJackMessages&) = delete;
+
+private:
+    void (*error_)(const char*);
+    void (*info_)(const char*);
+};
+
+} // namespace plinkora

@@ -1,0 +1,230 @@
+#include "midi/rtmidi_backend.h"
+
+#include "midi/jack_cycle_watch.h"
+#include "midi/midi_service_probe.h"
+
+#include <RtMidi.h>
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+namespace plinkora {
+
+namespace {
+constexpr std::uint32_t kClientReference = 1;
+constexpr std::uint32_t kSourceReference = 1;
+
+// RtMidi's JACK output hands each message to its process callback through a ring buffer;
+// closing the port right after a send can lose what is still in there, or what is in the port
+// but not yet read. So before the port goes, these cycles run: the callback moves everything
+// into the port and the readers take it.
+constexpr unsigned kDrainCycles = 3;
+// RtMidi 5 frees that ring buffer before it closes its JACK client, while a process callback
+// that began before the port was closed may still be reading it. After the port is closed,
+// these cycles (and at least this time) pass before the RtMidi client is destroyed: every
+// callback since sees no port and returns at once.
+constexpr unsigned kSettleCycles = 3;
+constexpr std::chrono::milliseconds kSettleTime{10};
+constexpr std::chrono::milliseconds kWaitLimit{1000};
+
+RtMidi::Api rtMidiApi(RtMidiBackend::System system)
+{
+    switch (system) {
+    case RtMidiBackend::System::AlsaSequencer:
+        return RtMidi::LINUX_ALSA;
+    case RtMidiBackend::System::Jack:
+        return RtMidi::UNIX_JACK;
+#if defined(__APPLE__)
+    case RtMidiBackend::System::CoreMidi:
+        return RtMidi::MACOSX_CORE;
+#endif
+    }
+    return RtMidi::UNSPECIFIED;
+}
+
+bool compiledIntoRtMidi(RtMidi::Api api)
+{
+    std::vector<RtMidi::Api> apis;
+    RtMidi::getCompiledApi(apis);
+    return std::find(apis.begin(), apis.end(), api) != apis.end();
+}
+} // namespace
+
+struct RtMidiBackend::State
+{
+    System system;
+    std::unique_ptr<JackCycleWatch> jackWatch; // JACK only
+    std::unique_ptr<RtMidiOut> out;
+    bool sourceOpen = false;
+    int reports = 0; // problems RtMidi reported since the counter was last reset
+    std::string lastReport;
+
+    static void onReport(RtMidiError::Type type, const std::string& text, void* self)
+    {
+        if (type == RtMidiError::DEBUG_WARNING)
+            return;
+        auto* state = static_cast<State*>(self);
+        ++state->reports;
+        try {
+            state->lastReport = text;
+        } catch (...) {
+        }
+    }
+};
+
+RtMidiBackend::RtMidiBackend(System system, std::unique_ptr<JackCycleWatch> jackWatch)
+    : state_(std::make_unique<State>())
+{
+    state_->system = system;
+    if (system == System::Jack) {
+        forbidJackServerStart();
+        state_->jackWatch = std::move(jackWatch);
+    }
+}
+
+RtMidiBackend::~RtMidiBackend()
+{
+    disposeClient(kClientReference);
+    state_->jackWatch.reset();
+}
+
+std::string_view RtMidiBackend::apiName() const
+{
+    switch (state_->system) {
+    case System::AlsaSequencer:
+        return "alsa";
+    case System::Jack:
+        return "jack";
+#if defined(__APPLE__)
+    case System::CoreMidi:
+        return "coremidi";
+#endif
+    }
+    return "";
+}
+
+const std::string& RtMidiBackend::lastReport() const
+{
+    return state_->lastReport;
+}
+
+MidiStatus RtMidiBackend::createClient(std::string_view name, std::uint32_t& client)
+{
+    State& s = *state_;
+    if (s.out)
+        return kStatusClientFailed; // one client per back end
+    const RtMidi::Api api = rtMidiApi(s.system);
+    if (!compiledIntoRtMidi(api))
+        return kStatusApiUnavailable;
+
+    // RtMidi prints to standard error when the service is missing, before a callback can be
+    // installed, so find that out first, quietly.
+    if (s.system == System::AlsaSequencer && !alsaSequencerAvailable())
+        return kStatusServiceUnavailable;
+    if (s.system == System::Jack) {
+        if (s.jackWatch && s.jackWatch->serverGone())
+            s.jackWatch.reset();
+        if (!s.jackWatch) {
+            MidiStatus status = kStatusOk;
+            s.jackWatch = JackCycleWatch::open(std::string(name).append(kJackWatchSuffix), status);
+            if (!s.jackWatch)
+                return status;
+        }
+    }
+
+    try {
+        s.out = std::make_unique<RtMidiOut>(api, std::string(name));
+    } catch (const RtMidiError& error) {
+        s.lastReport = error.getMessage();
+    } catch (const std::exception& error) {
+        s.lastReport = error.what();
+    }
+    if (!s.out) {
+        s.jackWatch.reset();
+        return kStatusClientFailed;
+    }
+    s.out->setErrorCallback(&State::onReport, &s);
+    client = kClientReference;
+    return kStatusOk;
+}
+
+MidiStatus RtMidiBackend::createSource(std::uint32_t client, std::string_view name, std::uint32_t& source)
+{
+    State& s = *state_;
+    if (client != kClientReference || !s.out)
+        return kStatusNoSuchEndpoint;
+    if (s.sourceOpen)
+        return kStatusSourceFailed; // one source per client
+    s.reports = 0;
+    try {
+        s.out->openVirtualPort(std::string(name));
+    } catch (...) {
+        return kStatusSourceFailed;
+    }
+    if (s.reports != 0)
+        return kStatusSourceFailed;
+    s.sourceOpen = true;
+    source = kSourceReference;
+    return kStatusOk;
+}
+
+MidiStatus RtMidiBackend::received(std::uint32_t source, const MidiPacket& packet)
+{
+    State& s = *state_;
+    if (source != kSourceReference || !s.sourceOpen)
+        return kStatusNoSuchEndpoint;
+    // With the server gone RtMidi would fill its ring buffer and then wait for room forever.
+    if (s.jackWatch && s.jackWatch->serverGone())
+        return kStatusServiceUnavailable;
+    if (packet.length == 0 || packet.length > packet.data.size())
+        return kStatusSendFailed;
+    s.reports = 0;
+    try {
+        s.out->sendMessage(packet.data.data(), packet.length);
+    } catch (...) {
+        return kStatusSendFailed;
+    }
+    return s.reports == 0 ? kStatusOk : kStatusSendFailed;
+}
+
+void RtMidiBackend::disposeSource(std::uint32_t source)
+{
+    State& s = *state_;
+    if (source != kSourceReference || !s.sourceOpen)
+        return;
+    s.sourceOpen = false;
+    if (!s.jackWatch) {
+        s.out->closePort();
+        return;
+    }
+    if (s.jackWatch->serverGone()) {
+        const QuietJackMessages quiet;
+        s.out->closePort();
+        return;
+    }
+    s.jackWatch->waitCycles(kDrainCycles, kWaitLimit);
+    s.out->closePort();
+    const auto closed = std::chrono::steady_clock::now();
+    s.jackWatch->waitCycles(kSettleCycles, kWaitLimit);
+    std::this_thread::sleep_until(closed + kSettleTime);
+    s.jackWatch->deactivate();
+}
+
+void RtMidiBackend::disposeClient(std::uint32_t client)
+{
+    State& s = *state_;
+    if (client != kClientReference || !s.out)
+        return;
+    disposeSource(kSourceReference); // never let RtMidi close an open JACK port itself
+    if (s.jackWatch && s.jackWatch->serverGone()) {
+        const QuietJackMessages quiet;
+        s.out.reset();
+    } else {
+        s.out.reset();
+    }
+    s.jackWatch.reset();
+}
+
+} // namespace plinkora

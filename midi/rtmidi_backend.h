@@ -1,0 +1,58 @@
+#pragma once
+
+#include "midi/jack_cycle_watch.h"
+#include "midi/midi_backend.h"
+
+#include <memory>
+#include <string>
+
+namespace plinkora {
+
+/// The MIDI service of the platform, through RtMidi: the ALSA sequencer or JACK on Linux,
+/// CoreMIDI on macOS. One client with one virtual source; references are 1.
+///
+/// Nothing reaches standard error when the service is missing: the ALSA sequencer and the
+/// JACK server are probed quietly first, and a JACK server is never started. RtMidi reports
+/// later problems to a callback, never by throwing.
+class RtMidiBackend final : public MidiBackend
+{
+public:
+    enum class System
+    {
+        AlsaSequencer,
+        Jack,
+#if defined(__APPLE__)
+        CoreMidi,
+#endif
+    };
+
+    /// `jackWatch`: for JACK, a client already opened on the server (the automatic choice opens
+    /// one to see that a server runs); made by createClient when not given.
+    explicit RtMidiBackend(System system, std::unique_ptr<JackCycleWatch> jackWatch = nullptr);
+    ~RtMidiBackend() override;
+    RtMidiBackend(const RtMidiBackend&) = delete;
+    RtMidiBackend& operator=(const RtMidiBackend&) = delete;
+
+    std::string_view apiName() const override;
+    /// Fails with kStatusApiUnavailable when RtMidi lacks the system, kStatusServiceUnavailable
+    /// when the service is not there (no sequencer, no JACK server), kStatusClientFailed else.
+    MidiStatus createClient(std::string_view name, std::uint32_t& client) override;
+    /// Publishes the virtual port `name`: it shows as "PLK:PLK" (client:port) in ALSA and JACK.
+    MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override;
+    /// Sends the packet's bytes at once. Does not allocate.
+    MidiStatus received(std::uint32_t source, const MidiPacket& packet) override;
+    /// Closes the virtual port. With JACK it first waits (at most about a second) until the
+    /// server has run the cycles that deliver everything sent. With ALSA the port itself goes
+    /// with the client (RtMidi only withdraws a virtual port when the client goes).
+    void disposeSource(std::uint32_t source) override;
+    void disposeClient(std::uint32_t client) override;
+
+    /// RtMidi's text for the last problem it reported, for diagnostics ("" if none).
+    const std::string& lastReport() const;
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+} // namespace plinkora

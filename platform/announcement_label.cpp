@@ -1,0 +1,93 @@
+#include "platform/announcement_label.h"
+
+#include <QAccessible>
+#include <QAccessibleWidget>
+#include <QtGlobal>
+
+namespace plinkora {
+
+namespace {
+
+const char kClassName[] = "plinkora::AnnouncementLabel";
+
+/// The accessible side of the label: a notification whose name is the announced text.
+class AnnouncementAccessible final : public QAccessibleWidget
+{
+public:
+    explicit AnnouncementAccessible(QWidget* widget)
+        : QAccessibleWidget(widget, QAccessible::Notification)
+    {
+    }
+
+    QAccessible::Role role() const override { return QAccessible::Notification; }
+
+    QString text(QAccessible::Text type) const override
+    {
+        if (type == QAccessible::Name) {
+            const QString name = widget()->accessibleName();
+            if (!name.isEmpty())
+                return name;
+            if (const auto* label = qobject_cast<const QLabel*>(widget()))
+                return label->text();
+        }
+        return QAccessibleWidget::text(type);
+    }
+};
+
+QAccessibleInterface* announcementAccessibleFactory(const QString& className, QObject* object)
+{
+    if (className == QLatin1String(kClassName) && object != nullptr && object->isWidgetType())
+        return new AnnouncementAccessible(static_cast<QWidget*>(object));
+    return nullptr;
+}
+
+void installFactoryOnce()
+{
+    static const bool installed = [] {
+        QAccessible::installFactory(announcementAccessibleFactory);
+        return true;
+    }();
+    Q_UNUSED(installed)
+}
+
+} // namespace
+
+bool switchOnAccessibilityBridge()
+{
+    if (qEnvironmentVariableIsSet("QT_LINUX_ACCESSIBILITY_ALWAYS_ON")
+        || qEnvironmentVariableIsSet("QT_ACCESSIBILITY"))
+        return false;
+    return qputenv("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
+}
+
+AnnouncementLabel::AnnouncementLabel(QWidget* parent)
+    : QLabel(parent)
+{
+    static_assert(sizeof(kClassName) > 1);
+    Q_ASSERT(QLatin1String(metaObject()->className()) == QLatin1String(kClassName));
+    installFactoryOnce();
+    setTextFormat(Qt::PlainText);
+}
+
+void AnnouncementLabel::announce(const QString& text)
+{
+#if QT_VERSION >= QT_VERSION_CHECK(6, 8, 0)
+    // Qt 6.8 and later post an announcement event (AT-SPI object:announcement) that screen
+    // readers speak directly, with the urgency asked for. Hiding and showing the label as well
+    // would make them say it twice, so the label only shows the text here.
+    setText(text);
+    setAccessibleName(text);
+    QAccessibleAnnouncementEvent event(this, text);
+    event.setPoliteness(QAccessible::AnnouncementPoliteness::Assertive);
+    QAccessible::updateAccessibility(&event);
+#else
+    // Before Qt 6.8 there is no announcement event (an Alert event does not reach AT-SPI). A
+    // notification that becomes visible does: Orca speaks its name when it is shown again.
+    hide();
+    setText(text);
+    setAccessibleName(text);
+    show();
+#endif
+}
+
+} // namespace plinkora

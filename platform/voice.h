@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QString>
+
+namespace plinkora {
+
+/// Plinkora's own voice: speaks announcements when no screen reader runs.
+class Voice
+{
+public:
+    virtual ~Voice() = default;
+
+    /// True from a speak() until that text has been spoken or cut off.
+    virtual bool isSpeaking() const = 0;
+    /// Cuts this program's own speech off at once; never another program's.
+    virtual void stop() = 0;
+    /// Speaks `text`, cutting off whatever this voice was saying. Returns at once.
+    virtual void speak(const QString& text) = 0;
+};
+
+/// Tells whether a screen reader runs. Must answer at once (no blocking call).
+class ScreenReaderDetector
+{
+public:
+    virtual ~ScreenReaderDetector() = default;
+
+    virtual bool isRunning() const = 0;
+};
+
+} // namespace plinkora

@@ -1,0 +1,118 @@
+#include "app/command_line.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+
+using namespace plinkora;
+
+namespace {
+
+CommandLine parse(std::vector<std::string> arguments)
+{
+    return parseCommandLine(arguments);
+}
+
+// A made-up environment for the display check.
+std::map<std::string, std::string> environment;
+std::string fakeEnvironment(const char* name)
+{
+    const auto it = environment.find(name);
+    return it == environment.end() ? std::string() : it->second;
+}
+
+} // namespace
+
+TEST(CommandLine, WithoutArgumentsPlinkoraRunsWithTheAutomaticMidiChoice)
+{
+    const CommandLine line = parse({});
+    EXPECT_EQ(line.action, CommandLine::Action::Run);
+    EXPECT_FALSE(line.midiApi);
+}
+
+TEST(CommandLine, HelpAndVersionArePrintedAndEndWithExitCodeZero)
+{
+    for (const char* option : {"--help", "-h"}) {
+        const CommandLine line = parse({option});
+        EXPECT_EQ(line.action, CommandLine::Action::ShowHelp);
+        EXPECT_NE(line.text.find("--midi-api"), std::string::npos);
+        EXPECT_NE(line.text.find("alsa, jack or null"), std::string::npos);
+        EXPECT_EQ(line.exitCode, 0);
+    }
+    for (const char* option : {"--version", "-v"}) {
+        const CommandLine line = parse({option});
+        EXPECT_EQ(line.action, CommandLine::Action::ShowVersion);
+        EXPECT_EQ(line.text, std::string("plinkora ") + PLINKORA_VERSION + "\n");
+    }
+}
+
+TEST(CommandLine, MidiApiTakesEachNameOfTheTableInAnyCaseAndBothSpellings)
+{
+    EXPECT_EQ(parse({"--midi-api", "alsa"}).midiApi, "alsa");
+    EXPECT_EQ(parse({"--midi-api", "jack"}).midiApi, "jack");
+    EXPECT_EQ(parse({"--midi-api", "null"}).midiApi, "null");
+    EXPECT_EQ(parse({"--midi-api=JACK"}).midiApi, "jack");
+    EXPECT_EQ(parse({"--midi-api", "Null"}).action, CommandLine::Action::Run);
+}
+
+TEST(CommandLine, AnUnknownMidiApiIsOneLineListingTheValidNamesAndExitCodeTwo)
+{
+    const CommandLine line = parse({"--midi-api", "oss"});
+    EXPECT_EQ(line.action, CommandLine::Action::Fail);
+    EXPECT_EQ(line.exitCode, 2);
+    EXPECT_EQ(line.text, "plinkora: Unknown MIDI API \"oss\"; valid names are: alsa, jack, null");
+    EXPECT_EQ(line.text.find('\n'), std::string::npos);
+}
+
+TEST(CommandLine, MidiApiWithoutANameFails)
+{
+    const CommandLine line = parse({"--midi-api"});
+    EXPECT_EQ(line.action, CommandLine::Action::Fail);
+    EXPECT_EQ(line.exitCode, 2);
+    EXPECT_NE(line.text.find("alsa, jack or null"), std::string::npos);
+    EXPECT_EQ(parse({"--midi-api="}).action, CommandLine::Action::Fail);
+}
+
+TEST(CommandLine, UnknownOptionsAndStrayArgumentsFailWithExitCodeTwo)
+{
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"--bogus"}, {"-x"}, {"file.mid"}, {"--midi-api", "jack", "extra"}}) {
+        const CommandLine line = parse(arguments);
+        EXPECT_EQ(line.action, CommandLine::Action::Fail) << arguments.front();
+        EXPECT_EQ(line.exitCode, 2);
+        EXPECT_EQ(line.text.rfind("plinkora: ", 0), 0u);
+    }
+}
+
+TEST(CommandLine, QtsOwnOptionsAreLeftForQt)
+{
+    const CommandLine line = parse({"-platform", "offscreen", "--midi-api", "null", "-style=fusion", "-reverse"});
+    EXPECT_EQ(line.action, CommandLine::Action::Run);
+    EXPECT_TRUE(line.platformOption);
+    EXPECT_EQ(line.midiApi, "null");
+    EXPECT_FALSE(parse({"-style", "fusion"}).platformOption);
+    EXPECT_EQ(parse({"-platform"}).action, CommandLine::Action::Fail);
+}
+
+TEST(CommandLine, WithoutAnyDisplayOneLineSaysSoAndHowToRunUnderXvfb)
+{
+    environment.clear();
+    const std::optional<std::string> message = missingDisplayMessage(false, &fakeEnvironment);
+    ASSERT_TRUE(message);
+    EXPECT_NE(message->find("DISPLAY"), std::string::npos);
+    EXPECT_NE(message->find("xvfb-run -a plinkora"), std::string::npos);
+    EXPECT_EQ(message->find('\n'), std::string::npos);
+}
+
+TEST(CommandLine, AnX11OrWaylandDisplayOrAChosenQtPlatformIsEnough)
+{
+    for (const char* variable : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) {
+        environment = {{variable, "x"}};
+        EXPECT_FALSE(missingDisplayMessage(false, &fakeEnvironment)) << variable;
+    }
+    environment.clear();
+    EXPECT_FALSE(missingDisplayMessage(true, &fakeEnvironment));
+    environment = {{"DISPLAY", ""}};
+    EXPECT_TRUE(missingDisplayMessage(false, &fakeEnvironment));
+}

@@ -1,0 +1,181 @@
+#include "support/jack_server.h"
+
+#include <jack/jack.h>
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <stdexcept>
+#include <thread>
+
+namespace plinkora::testing {
+
+namespace {
+
+void dropMessage(const char*) {}
+
+// libjack prints several lines when it finds no server; the helpers ask quietly.
+class Quiet
+{
+public:
+    Quiet()
+        : error_(jack_error_callback)
+        , info_(jack_info_callback)
+    {
+        jack_set_error_function(dropMessage);
+        jack_set_info_function(dropMessage);
+    }
+    ~Quiet()
+    {
+        jack_set_error_function(error_);
+        jack_set_info_function(info_);
+    }
+    Quiet(const Quiet&) = delete;
+    Quiet& operator=(const Quiet&) = delete;
+
+private:
+    void (*error_)(const char*);
+    void (*info_)(const char*);
+};
+
+jack_client_t* openClient(const std::string& server)
+{
+    const Quiet quiet;
+    jack_status_t status{};
+    static std::atomic<unsigned> counter{0};
+    const std::string clientName = "plk-test-probe-" + std::to_string(counter++);
+    return jack_client_open(clientName.c_str(), static_cast<jack_options_t>(JackNoStartServer | JackServerName),
+                            &status, server.c_str());
+}
+
+void closeClient(jack_client_t* client)
+{
+    const Quiet quiet;
+    jack_client_close(client);
+}
+
+} // namespace
+
+std::string JackServer::uniqueName(std::string_view prefix)
+{
+    static std::atomic<unsigned> counter{0};
+    return std::string(prefix) + "-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+}
+
+bool JackServer::reachable(const std::string& name)
+{
+    jack_client_t* client = openClient(name);
+    if (client == nullptr)
+        return false;
+    closeClient(client);
+    return true;
+}
+
+bool JackServer::serverExists(const std::string& name)
+{
+    if (!findProcesses("jackd", name).empty() || !findProcesses("jackdmp", name).empty())
+        return true;
+    // jackd's socket: /dev/shm/jack_<name>_<uid>_0
+    const std::string socket = "/dev/shm/jack_" + name + "_" + std::to_string(getuid()) + "_0";
+    return access(socket.c_str(), F_OK) == 0;
+}
+
+std::unique_ptr<JackServer> JackServer::start(const Options& options)
+{
+    std::unique_ptr<JackServer> server(new JackServer);
+    server->name_ = options.name.empty() ? uniqueName() : options.name;
+    ChildProcess::Options process;
+    process.arguments = {"-n", server->name_, "-t", std::to_string(options.clientTimeout.count()), "-d", "dummy",
+                         "-r", std::to_string(options.sampleRate), "-p", std::to_string(options.periodFrames)};
+    process.environment = {{"JACK_NO_AUDIO_RESERVATION", "1"}};
+    process.unsetEnvironment = {"JACK_DEFAULT_SERVER"};
+    server->process_ = ChildProcess::start("jackd", process);
+
+    const auto deadline = std::chrono::steady_clock::now() + options.readyTimeout;
+    for (;;) {
+        if (reachable(server->name_))
+            return server;
+        if (!server->process_->running() || std::chrono::steady_clock::now() >= deadline) {
+            const std::string what = server->process_->describe();
+            server->stop();
+            throw std::runtime_error("the JACK server " + server->name_ + " did not come up: " + what);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+JackServer::~JackServer()
+{
+    stop();
+}
+
+void JackServer::stop(std::chrono::milliseconds grace)
+{
+    if (!process_)
+        return;
+    process_->stop(grace);
+    removeLeftovers();
+}
+
+void JackServer::removeLeftovers() const
+{
+    // A server that had to be killed leaves its socket and semaphores. Only this server's
+    // names are touched: they carry its unique name.
+    DIR* shm = opendir("/dev/shm");
+    if (shm == nullptr)
+        return;
+    const std::string socketPrefix = "jack_" + name_ + "_";
+    const std::string semaphoreTag = "_" + name_ + "_";
+    std::vector<std::string> doomed;
+    while (const dirent* entry = readdir(shm)) {
+        const std::string file = entry->d_name;
+        if (file.rfind(socketPrefix, 0) == 0 || (file.rfind("jack_sem.", 0) == 0 && file.find(semaphoreTag) != std::string::npos))
+            doomed.push_back("/dev/shm/" + file);
+    }
+    closedir(shm);
+    for (const std::string& path : doomed)
+        std::remove(path.c_str());
+}
+
+std::vector<std::pair<std::string, std::string>> JackServer::environment() const
+{
+    return {{"JACK_DEFAULT_SERVER", name_}, {"JACK_NO_START_SERVER", "1"}};
+}
+
+std::vector<std::string> JackServer::ports() const
+{
+    std::vector<std::string> names;
+    jack_client_t* client = openClient(name_);
+    if (client == nullptr)
+        return names;
+    if (const char** list = jack_get_ports(client, nullptr, nullptr, 0)) {
+        for (const char** port = list; *port != nullptr; ++port)
+            names.emplace_back(*port);
+        jack_free(list);
+    }
+    closeClient(client);
+    return names;
+}
+
+bool JackServer::hasPort(std::string_view fullName) const
+{
+    const std::vector<std::string> list = ports();
+    return std::find(list.begin(), list.end(), fullName) != list.end();
+}
+
+bool JackServer::waitForPort(std::string_view fullName, bool present, std::chrono::milliseconds timeout) const
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (hasPort(fullName) == present)
+            return true;
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+} // namespace plinkora::testing
