@@ -32,6 +32,14 @@ SYSTEM_PYTHON = "/usr/bin/python3"
 PR_SET_CHILD_SUBREAPER = 36
 
 
+PR_SET_PDEATHSIG = 1
+
+
+def die_with_parent():
+    """For preexec_fn: the child is killed when the test process dies, whatever kills it."""
+    ctypes.CDLL(None, use_errno=True).prctl(PR_SET_PDEATHSIG, signal.SIGKILL, 0, 0, 0)
+
+
 def become_subreaper():
     """Daemons that our children start (the accessibility bus, the registry, ...) become our
     children when their parent ends, so that they can be waited for by process id."""
@@ -388,9 +396,12 @@ class Orca(_Service):
     --pid --fork --mount-proc --kill-child): it sees no other Orca, and ending the namespace's
     first process ends everything in it."""
 
-    def __init__(self, folder, display, session_bus, speech=None):
+    def __init__(self, folder, display, session_bus, speech=None, nudge=None):
         super().__init__()
         become_subreaper()
+        self.nudge = nudge
+        self.ended_by_itself = None
+        self.stop_seconds = None
         self.folder = private_folder(folder)
         home = private_folder(os.path.join(folder, "home"))
         runtime = private_folder(os.path.join(folder, "run"))
@@ -411,9 +422,20 @@ class Orca(_Service):
             "SPEECHD_CMD": "/nonexistent/speech-dispatcher",
             "LANG": "C.UTF-8",
         })
-        self.process = Process("orca", [
-            "unshare", "--pid", "--fork", "--mount-proc", "--kill-child=SIGKILL",
-            "orca", f"--debug-file={self.debug_log}"], env=env)
+        self.isolated = self.can_isolate()
+        if not self.isolated and subprocess.run(["pgrep", "-x", "orca"], capture_output=True).returncode == 0:
+            raise AssertionError("another Orca runs for this user, and Orca cannot be given a process-id "
+                                 "namespace of its own here (unshare --pid needs root or user namespaces)")
+        isolation = ["unshare", "--pid", "--fork", "--mount-proc", "--kill-child=SIGKILL"] if self.isolated else []
+        self.process = Process("orca", [*isolation, "orca", f"--debug-file={self.debug_log}"], env=env)
+
+    @staticmethod
+    def can_isolate():
+        try:
+            return subprocess.run(["unshare", "--pid", "--fork", "--mount-proc", "--kill-child=SIGKILL", "true"],
+                                  capture_output=True, timeout=10).returncode == 0
+        except (OSError, subprocess.TimeoutExpired):
+            return False
 
     def log(self):
         return read_file(self.debug_log)
@@ -434,6 +456,8 @@ class Orca(_Service):
     def _orca_pid(self):
         if not self.process:
             return None
+        if not self.isolated:
+            return self.process.pid
         try:
             children = read_file(f"/proc/{self.process.pid}/task/{self.process.pid}/children").split()
         except OSError:
@@ -442,21 +466,31 @@ class Orca(_Service):
 
     def stop(self):
         """Asks Orca to end (SIGTERM, which lets it write the rest of its debug log), then ends
-        the namespace."""
+        the namespace.
+
+        Orca handles SIGTERM in Python, which runs only once its main loop wakes up: an idle
+        Orca sleeps on. `nudge`, when set, is called once to wake it (a key press it hears)."""
         if not self.process:
             return
         orca = self._orca_pid()
+        began = time.monotonic()
         if orca and process_alive(orca):
             try:
                 os.kill(orca, signal.SIGTERM)
             except ProcessLookupError:
                 pass
-            deadline = time.monotonic() + 10
+            nudged = False
+            deadline = time.monotonic() + 20
             while self.process.running() and time.monotonic() < deadline:
+                if not nudged and self.nudge and time.monotonic() - began > 1.0:
+                    nudged = True
+                    self.nudge()
                 time.sleep(0.05)
+        self.ended_by_itself = not self.process.running()
+        self.stop_seconds = time.monotonic() - began
         # unshare ignores SIGTERM; SIGKILL ends it and, through --kill-child, the namespace.
         self.process.stop(sig=signal.SIGKILL)
-        if orca:
+        if orca and orca != self.process.pid:
             stop_pid(orca, signal.SIGKILL)
 
 
@@ -524,7 +558,8 @@ class SinkRecorder:
         self.proc = subprocess.Popen(
             ["parec", f"--server={pulse.server}", f"--device={pulse.SINK}.monitor", "--raw", "--format=s16le",
              f"--rate={self.RATE}", "--channels=1", "--latency-msec=20"],
-            stdout=self.out, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL, start_new_session=True)
+            stdout=self.out, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL, start_new_session=True,
+            preexec_fn=die_with_parent)
         # The monitor delivers silence all the time: bytes arriving mean it records.
         wait_until(lambda: os.path.getsize(raw_file) > 0 or self.proc.poll() is not None, timeout=10,
                    what="parec to record")
@@ -590,7 +625,7 @@ class AtspiProbe:
         self.stderr = open(os.path.join(env["XDG_RUNTIME_DIR"], "atspi-probe.err"), "w+")
         self.proc = subprocess.Popen([SYSTEM_PYTHON, os.path.join(HERE, "atspi_probe.py"), application],
                                      env=env, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.stderr,
-                                     text=True, bufsize=1, start_new_session=True)
+                                     text=True, bufsize=1, start_new_session=True, preexec_fn=die_with_parent)
         if self._read(30) != "ready":
             raise AssertionError(f"the AT-SPI probe did not start: {self._errors()}")
 
@@ -687,7 +722,8 @@ class A11yDesktop(Desktop):
         return self.speech
 
     def start_orca(self, speech=None):
-        self.orca = self._keep(Orca(self._folder("orca"), self.env["DISPLAY"], self.session_bus, speech=speech))
+        self.orca = self._keep(Orca(self._folder("orca"), self.env["DISPLAY"], self.session_bus, speech=speech,
+                                    nudge=lambda: self.xdotool("key", "ctrl", check=False)))
         self.orca.wait_until_listening()
         return self.orca
 

@@ -63,7 +63,7 @@ class OrcaTest(HeardTestCase):
     def check_orca_speaks_and_plinkora_is_silent(self, orca_first):
         d = self.desktop
         d.start_accessibility_bus()
-        speech = d.make_speech_service(speaking_time=2.0)
+        speech = d.make_speech_service(speaking_time=3.0)
         if orca_first:
             orca = d.start_orca(speech=speech)
             d.start_plinkora()
@@ -80,7 +80,7 @@ class OrcaTest(HeardTestCase):
         steps = PROPERTY_KEYS + [("Prior", "12"), ("Prior", "13")]
         for key, text in steps:
             self.press_and_wait(key, text)
-            # The next key comes while Orca is still saying this (2 s a text here).
+            # The next key comes while Orca is still saying this (3 s a text here).
             self.wait_until_said(text, timeout=30)
         self.wait_until_said("13", finished=True)
         announced = [text for _, text in steps]
@@ -115,6 +115,8 @@ class OrcaTest(HeardTestCase):
         # Orca's own record, complete once it has ended: after the first key press it said the
         # key names (its key echo) and the announcements, exactly, and nothing else.
         orca.stop()
+        print(f"\n  Orca ended {'by itself' if orca.ended_by_itself else 'killed'} "
+              f"{orca.stop_seconds:.1f} s after SIGTERM", file=sys.stderr)
         log = orca.log()
         self.assertGreaterEqual(log.count("PROCESS ATSPI_KEY_PRESSED_EVENT: 'Page_Up'"), 3,
                                 "the key presses did not reach Orca through the accessibility bridge")
@@ -138,7 +140,7 @@ class OwnVoiceTest(HeardTestCase):
     def start(self):
         d = self.desktop
         d.start_accessibility_bus()
-        d.make_speech_service(speaking_time=2.0)
+        d.make_speech_service(speaking_time=3.0)
         d.start_plinkora()
         return d
 
@@ -380,7 +382,7 @@ class AccessibleTreeTest(HeardTestCase):
             wait_until(lambda: probe.ask("focused") != previous, timeout=5, what="the focus to move")
             focused = probe.ask("focused")
         self.assertEqual(focused, {"role": "text", "name": "F2 MIDI CC number", "window": "Preferences"})
-        d.xdotool("key", "--clearmodifiers", "ctrl+a")
+        # Tab selects the field's text, so typing replaces it.
         d.xdotool("type", "64")
         d.key("Return")
         config = os.path.join(d.env["XDG_CONFIG_HOME"], "Plinkora", "Plinkora.conf")

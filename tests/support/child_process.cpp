@@ -155,6 +155,7 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const std::string& program, co
         closeAll();
         throw std::runtime_error(errnoText("cannot start " + program, execError));
     }
+    child->wakeReadFd_ = wakePipe[0];
     child->wakeWriteFd_ = wakePipe[1];
     const int outputFd = outputPipe[0];
     const int errorFd = errorPipe[0];
@@ -168,6 +169,7 @@ ChildProcess::~ChildProcess()
     if (pid_ > 0)
         stop();
     joinReader();
+    closeFd(wakeReadFd_);
     closeFd(wakeWriteFd_);
 }
 
@@ -219,7 +221,6 @@ void ChildProcess::readLoop(int outputFd, int errorFd, int wakeFd)
             deliver(which, std::move(partial[which]));
         closeFd(fds[which]);
     }
-    ::close(wakeFd);
     const std::lock_guard lock(mutex_);
     outputEnded_ = errorEnded_ = true;
     changed_.notify_all();

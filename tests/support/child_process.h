@@ -105,6 +105,7 @@ private:
     bool outputEnded_ = false;
     bool errorEnded_ = false;
 
+    int wakeReadFd_ = -1; // read by the reader thread; both ends are closed after it is joined
     int wakeWriteFd_ = -1;
     std::thread reader_;
 };
