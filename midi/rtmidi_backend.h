@@ -41,9 +41,10 @@ public:
     MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override;
     /// Sends the packet's bytes at once. Does not allocate.
     MidiStatus received(std::uint32_t source, const MidiPacket& packet) override;
-    /// Closes the virtual port. With JACK it first waits (at most about a second) until the
-    /// server has run the cycles that deliver everything sent. With ALSA the port itself goes
-    /// with the client (RtMidi only withdraws a virtual port when the client goes).
+    /// Closes the virtual port. With JACK it first lets the server run a few cycles so that
+    /// everything sent reaches the readers, and a few more after closing (RtMidi 5 is not safe
+    /// to destroy right after); bounded when the server stalls. With ALSA the port itself goes
+    /// with the client (RtMidi only withdraws a virtual port when its client goes).
     void disposeSource(std::uint32_t source) override;
     void disposeClient(std::uint32_t client) override;
 

@@ -12,12 +12,16 @@
 //                     again each time the port is registered anew. May be given more than once.
 //   --client NAME     The JACK client name. Default "midi_receiver"; JACK adds a suffix such as
 //                     "-01" when the name is taken (the "ready" line shows the name given).
+//                     JACK 2 keys a client's socket by its name and user only, not by server:
+//                     clients of one name opening at once on two servers on one machine disturb
+//                     each other, so parallel test runs should not share client names.
 //   --help            Prints this usage on standard output and exits with 0.
 //
 // Standard output: one line per item, flushed at once, in the order things happened:
 //   ready CLIENT:in    The client is active; CLIENT:in is the full name of its input port.
 //   connected SOURCE   SOURCE is connected to the input, and the connection is in effect: every
-//                      event SOURCE sends from now on is printed.
+//                      event SOURCE sends from now on is printed (unless JACK loses it in an
+//                      xrun, see standard error below).
 //   90 3C 64           One received MIDI event: its bytes in uppercase hex, separated by spaces.
 //   gone SOURCE        SOURCE was unregistered (or its connection to the input was lost). Every
 //                      event it sent before is printed above this line.

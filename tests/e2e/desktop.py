@@ -8,6 +8,7 @@ when a test fails.
 Paths come from the environment (CTest sets them): PLINKORA_BIN, PLINKORA_RECEIVER.
 """
 
+import fcntl
 import os
 import re
 import shutil
@@ -152,6 +153,9 @@ class Desktop:
         for process in reversed(self.processes):
             process.stop()
         self.processes.clear()
+        if getattr(self, "_lock", None):
+            self._lock.close()  # releases the lock
+            self._lock = None
         shutil.rmtree(self.tmp, ignore_errors=True)
 
     def _spawn(self, name, argv, env=None, capture=True):
@@ -179,10 +183,17 @@ class Desktop:
         time.sleep(0.5)  # openbox takes over focus handling
 
     def _start_jack(self):
-        self._spawn("jackd", ["jackd", "--no-realtime", "-n", self.jack_name, "-d", "dummy", "-r", "48000", "-p", "64"])
+        # JACK 2 names client sockets without the server's name, so two private servers with a
+        # "PLK" client each would collide: one JACK test at a time on this machine. Larger
+        # periods keep xruns (which drop MIDI events on a loaded machine) away.
+        self._lock = open(os.environ.get("PLINKORA_JACK_TEST_LOCK", "/tmp/plinkora-jack-tests.lock"), "a")
+        fcntl.flock(self._lock, fcntl.LOCK_EX)
+        self._spawn("jackd", ["jackd", "--no-realtime", "-t", "5000", "-n", self.jack_name,
+                              "-d", "dummy", "-r", "48000", "-p", "256"])
         self.wait_until(lambda: subprocess.run(["jack_lsp"], env=self.env, capture_output=True).returncode == 0,
                         timeout=DEFAULT_TIMEOUT, what="the JACK server to answer")
-        self.receiver = self._spawn("receiver", [os.environ["PLINKORA_RECEIVER"], "--connect", "PLK:PLK"])
+        self.receiver = self._spawn("receiver", [os.environ["PLINKORA_RECEIVER"], "--connect", "PLK:PLK",
+                                                 "--client", f"rx{os.getpid()}"])
         self.receiver.wait_for_line(r"^ready ")
 
     # --- plinkora -----------------------------------------------------------------------

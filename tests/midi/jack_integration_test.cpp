@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include <unistd.h>
+
 #ifndef PLINKORA_JACK_MIDI_RECEIVER
 #error "PLINKORA_JACK_MIDI_RECEIVER must name the jack_midi_receiver executable"
 #endif
@@ -55,7 +57,9 @@ protected:
         server = JackServer::start();
         environment = std::make_unique<ScopedEnvironment>("JACK_DEFAULT_SERVER", server->name());
         ChildProcess::Options options;
-        options.arguments = {"--server", server->name(), "--connect", "PLK:PLK"};
+        // A client name of its own: see JackTestLock for why names matter across servers.
+        options.arguments = {"--server", server->name(), "--connect", "PLK:PLK", "--client",
+                             "receiver-" + std::to_string(getpid())};
         options.environment = server->environment();
         receiver = ChildProcess::start(PLINKORA_JACK_MIDI_RECEIVER, options);
         ASSERT_TRUE(receiver->waitForLineMatching(std::regex("ready .+:in"), kTimeout)) << receiver->describe();
@@ -315,9 +319,10 @@ TEST(JackMidiReceiver, EndsWithStatusZeroOnSigtermAndOnSigint)
             << receiver->describe();
         // WHEN it is sent the signal
         receiver->sendSignal(signal);
-        // THEN it ends by itself with status 0, having printed nothing on standard error
+        // THEN it ends by itself with status 0, having complained of nothing (xruns aside)
         EXPECT_EQ(receiver->waitForExit(kTimeout), 0) << receiver->describe();
-        EXPECT_TRUE(receiver->lines(ChildProcess::Stream::Error).empty()) << receiver->describe();
+        for (const std::string& line : receiver->lines(ChildProcess::Stream::Error))
+            EXPECT_EQ(line, kXrun) << receiver->describe();
     }
 }
 

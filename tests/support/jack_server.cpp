@@ -3,11 +3,16 @@
 #include <jack/jack.h>
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 #include <thread>
 
@@ -59,6 +64,35 @@ void closeClient(jack_client_t* client)
 
 } // namespace
 
+std::string JackTestLock::path()
+{
+    const char* chosen = std::getenv("PLINKORA_JACK_TEST_LOCK");
+    return chosen != nullptr && *chosen != '\0' ? chosen : "/tmp/plinkora-jack-tests.lock";
+}
+
+JackTestLock::JackTestLock(std::chrono::milliseconds timeout)
+{
+    const std::string file = path();
+    fd_ = ::open(file.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0666); // flock needs no write access
+    if (fd_ < 0)
+        throw std::runtime_error("cannot open " + file + ": " + std::strerror(errno));
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+        if ((errno != EWOULDBLOCK && errno != EINTR) || std::chrono::steady_clock::now() >= deadline) {
+            ::close(fd_);
+            fd_ = -1;
+            throw std::runtime_error("another test kept the JACK test lock " + file);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+}
+
+JackTestLock::~JackTestLock()
+{
+    if (fd_ >= 0)
+        ::close(fd_); // releases the lock
+}
+
 std::string JackServer::uniqueName(std::string_view prefix)
 {
     static std::atomic<unsigned> counter{0};
@@ -86,6 +120,7 @@ bool JackServer::serverExists(const std::string& name)
 std::unique_ptr<JackServer> JackServer::start(const Options& options)
 {
     std::unique_ptr<JackServer> server(new JackServer);
+    server->lock_ = std::make_unique<JackTestLock>();
     server->name_ = options.name.empty() ? uniqueName() : options.name;
     ChildProcess::Options process;
     process.arguments = {"-n", server->name_, "-t", std::to_string(options.clientTimeout.count()), "-d", "dummy",
@@ -114,10 +149,12 @@ JackServer::~JackServer()
 
 void JackServer::stop(std::chrono::milliseconds grace)
 {
-    if (!process_)
+    if (!process_ || stopped_)
         return;
+    stopped_ = true;
     process_->stop(grace);
     removeLeftovers();
+    lock_.reset();
 }
 
 void JackServer::removeLeftovers() const

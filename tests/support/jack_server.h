@@ -10,11 +10,35 @@
 
 namespace plinkora::testing {
 
+/// A lock shared by every test on this machine that runs JACK clients, held while its JACK
+/// server lives. JACK 2 names a client's notification socket /dev/shm/jack_<client>_<uid>_0,
+/// without the server's name: two clients of the same name ("PLK", "PLK-sync",
+/// "midi_receiver") opening at the same time on two private servers break each other's
+/// connection ("Cannot connect to client name = PLK"). So such tests take turns.
+///
+/// It is flock(2) on the file $PLINKORA_JACK_TEST_LOCK, else /tmp/plinkora-jack-tests.lock;
+/// other test harnesses (the Python end-to-end tests) take the same lock on the same file.
+class JackTestLock
+{
+public:
+    /// Waits up to `timeout` for the lock; throws std::runtime_error if it stays taken.
+    explicit JackTestLock(std::chrono::milliseconds timeout = std::chrono::seconds(90));
+    ~JackTestLock();
+    JackTestLock(const JackTestLock&) = delete;
+    JackTestLock& operator=(const JackTestLock&) = delete;
+
+    static std::string path();
+
+private:
+    int fd_ = -1;
+};
+
 /// A private JACK server for one test: `jackd -n NAME -t 5000 -d dummy -r 48000 -p 256` (no sound
 /// card needed), under a name no other test uses. The destructor stops exactly this server, by its
 /// process id, and removes what a killed server leaves in /dev/shm.
 ///
-/// Clients find it through JACK_DEFAULT_SERVER=NAME (see environment()).
+/// Clients find it through JACK_DEFAULT_SERVER=NAME (see environment()). It holds the
+/// JackTestLock from before the server starts until after it has stopped.
 class JackServer
 {
 public:
@@ -52,7 +76,8 @@ public:
     /// Waits until the port is there (`present`) or gone; false when `timeout` passes first.
     bool waitForPort(std::string_view fullName, bool present, std::chrono::milliseconds timeout) const;
 
-    /// Stops the server (SIGTERM, then SIGKILL after `grace`). The destructor calls it.
+    /// Stops the server (SIGTERM, then SIGKILL after `grace`) and releases the JackTestLock.
+    /// The destructor calls it. process() stays readable.
     void stop(std::chrono::milliseconds grace = std::chrono::seconds(5));
 
     /// A server name unique to this process and call: "<prefix>-<pid>-<counter>".
@@ -67,8 +92,10 @@ private:
     JackServer() = default;
     void removeLeftovers() const;
 
+    std::unique_ptr<JackTestLock> lock_;
     std::string name_;
     std::unique_ptr<ChildProcess> process_;
+    bool stopped_ = false;
 };
 
 } // namespace plinkora::testing
