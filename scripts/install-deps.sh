@@ -16,7 +16,8 @@ tests=(
     libgtest-dev libgmock-dev libbenchmark-dev
     jackd2 xvfb xauth xdotool x11-xkb-utils openbox
     dbus dbus-x11 at-spi2-core orca python3-pyatspi
-    sox pulseaudio pulseaudio-utils
+    sox pulseaudio pulseaudio-utils speech-dispatcher-audio-plugins libao4
+    x11-utils systemd util-linux procps
 )
 
 packages=("${build_and_run[@]}")

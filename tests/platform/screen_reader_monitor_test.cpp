@@ -288,15 +288,21 @@ TEST_F(OrcaTest, OrcaSpeaksTheAnnouncements)
             return spoken == text;
         });
     };
+    const auto whatOrcaSaid = [&] {
+        std::string text = "Orca said:";
+        for (const auto& utterance : speech_->utterances())
+            text += " [" + utterance.text + "]";
+        return text + "; the window's log: " + (folder_.path() / "window.log").string();
+    };
     // Orca presents the new window (its title) once it has noticed it.
-    ASSERT_TRUE(waitUntil([&] { return orcaSaid("Plinkora announcement test frame"); }, 30s, 20ms))
-        << "Orca did not present the window; see " << orca->debugLog();
+    ASSERT_TRUE(waitUntil([&] { return orcaSaid("Plinkora announcement test frame"); }, 40s, 20ms))
+        << "Orca did not present the window. " << whatOrcaSaid();
 
     const std::vector<std::string> texts{"Program: 0, 2 of 8", "plus 6", "127"};
     for (const std::string& text : texts) {
         std::ofstream(control, std::ios::app) << text << '\n';
-        EXPECT_TRUE(waitUntil([&] { return orcaSaid(text); }, 15s, 20ms))
-            << "Orca did not say \"" << text << "\"; see " << orca->debugLog();
+        EXPECT_TRUE(waitUntil([&] { return orcaSaid(text); }, 20s, 20ms))
+            << "Orca did not say \"" << text << "\". " << whatOrcaSaid();
     }
     std::ofstream(control, std::ios::app) << "quit\n";
     EXPECT_TRUE(window.waitForExit(10s));
