@@ -389,8 +389,10 @@ public:
                 ++samples->unexpected;
             }
 
-            // Back to the event loop between two key events, as in the program.
+            // Back to the event loop between two key events, as in the program (which also
+            // deletes what was deleted later; processEvents() outside exec() does not).
             QCoreApplication::processEvents();
+            QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
             if (gapUs_ > 0)
                 std::this_thread::sleep_for(std::chrono::microseconds(gapUs_));
             if (QApplication::activeWindow() != &mainWindow_) {

@@ -79,8 +79,8 @@ class PlayingTest(unittest.TestCase):
         values = [m[1] | (m[2] << 7) for m in bends]
         peak = values.index(max(values))
         self.assertEqual(values[0], 8292)
-        self.assertTrue(all(b - a == 100 or b == 16383 for a, b in zip(values[:peak], values[1:peak + 1])))
-        self.assertTrue(all(a > b for a, b in zip(values[peak:], values[peak + 1:])))
+        self.assertTrue(all(a < b or b == 16383 for a, b in zip(values[:peak], values[1:peak + 1])), values)
+        self.assertTrue(all(a > b for a, b in zip(values[peak:], values[peak + 1:])), values)
         self.assertEqual(values[-1], 8192)
 
         count = len(d.midi())
