@@ -209,9 +209,9 @@ class Desktop:
             self.receiver.wait_for_line(r"^connected PLK:PLK$")
         self.window = self.wait_for_window("^Plinkora$")
         self.activate(self.window)
-        # Keyboard input has arrived once a key Plinkora passes on ("-") reaches it.
-        self.key("minus")
-        process.wait_for_line(r"^Key event received: type=11 keyCode=27$")
+        # Keyboard input has arrived once a key Plinkora passes on (Return) reaches it.
+        self.key("Return")
+        process.wait_for_line(r"^Key event received: type=11 keyCode=36$")
         return process
 
     def wait_for_window(self, name_regex, timeout=DEFAULT_TIMEOUT):
