@@ -29,15 +29,19 @@ from desktop import DEFAULT_TIMEOUT, Desktop, Process  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SYSTEM_PYTHON = "/usr/bin/python3"
-PR_SET_CHILD_SUBREAPER = 36
-
-
 PR_SET_PDEATHSIG = 1
+PR_SET_CHILD_SUBREAPER = 36
 
 
 def die_with_parent():
     """For preexec_fn: the child is killed when the test process dies, whatever kills it."""
     ctypes.CDLL(None, use_errno=True).prctl(PR_SET_PDEATHSIG, signal.SIGKILL, 0, 0, 0)
+
+
+def guarded(argv):
+    """`argv` run so that the process is killed when the test process dies, whatever kills it
+    (setpriv sets its parent-death signal, then executes it: the process id stays the same)."""
+    return ["setpriv", "--pdeathsig", "KILL", "--", *argv]
 
 
 def become_subreaper():
@@ -138,6 +142,76 @@ def connection_pid(bus_address, name):
     return int(match.group(1)) if reply.returncode == 0 and match else None
 
 
+def start_time(pid):
+    """The process's start time (clock ticks after boot), which tells it from a later process
+    that got the same id."""
+    stat = read_file(f"/proc/{pid}/stat")
+    return stat[stat.rfind(")") + 2:].split()[19] if stat else None
+
+
+class Watchdog:
+    """Stops the processes a test started, by process id, even when the test process itself is
+    killed (a CTest timeout, for example) and can clean nothing up: a small process of its own
+    that is told each process id (with its start time) and, when the test process's end of the
+    pipe closes without a "done", kills those still running."""
+
+    SCRIPT = r"""
+import os, shutil, signal, sys, time
+watched, folders, done = [], [], False
+for line in sys.stdin:
+    if line.strip() == "done":
+        done = True
+        break
+    if line.startswith("folder "):
+        folders.append(line[7:].rstrip("\n"))
+        continue
+    pid, started = line.split()
+    watched.append((int(pid), started))
+if not done:
+    for pid, started in reversed(watched):
+        try:
+            with open(f"/proc/{pid}/stat") as f:
+                stat = f.read()
+            if stat[stat.rfind(")") + 2:].split()[19] == started:
+                os.kill(pid, signal.SIGKILL)
+        except (OSError, IndexError):
+            pass
+    time.sleep(1)
+    for folder in folders:
+        shutil.rmtree(folder, ignore_errors=True)
+"""
+
+    def __init__(self):
+        self.proc = subprocess.Popen([sys.executable, "-c", self.SCRIPT], stdin=subprocess.PIPE, text=True,
+                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
+
+    def watch(self, pid):
+        started = start_time(pid) if pid else None
+        if started and self.proc.poll() is None:
+            self.proc.stdin.write(f"{pid} {started}\n")
+            self.proc.stdin.flush()
+
+    def remove_later(self, folder):
+        """The folder goes too when the test process is killed."""
+        if self.proc.poll() is None:
+            self.proc.stdin.write(f"folder {folder}\n")
+            self.proc.stdin.flush()
+
+    def stop(self):
+        """Everything was stopped in order: the watchdog ends without killing anything."""
+        if self.proc.poll() is None:
+            try:
+                self.proc.stdin.write("done\n")
+                self.proc.stdin.close()
+            except OSError:
+                pass
+            try:
+                self.proc.wait(timeout=5)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+                self.proc.wait(timeout=5)
+
+
 class _Service:
     """A service made of a started Process and, maybe, processes it left behind."""
 
@@ -175,7 +249,8 @@ class SessionBus(_Service):
 </busconfig>
 """)
         self.address = f"unix:path={sock}"
-        self.process = Process("dbus-daemon", ["dbus-daemon", f"--config-file={config}", "--nofork", "--nopidfile"])
+        self.process = Process("dbus-daemon", guarded(["dbus-daemon", f"--config-file={config}", "--nofork",
+                                                               "--nopidfile"]))
         wait_until(lambda: unix_socket_accepts(sock) or not self.process.running(), timeout=15,
                    what="the private session bus")
         if not self.process.running():
@@ -201,8 +276,8 @@ class AccessibilityBus(_Service):
         env.pop("AT_SPI_BUS_ADDRESS", None)
         env.update({"DBUS_SESSION_BUS_ADDRESS": self.session_address, "XDG_RUNTIME_DIR": runtime,
                     "DISPLAY": display, "GSETTINGS_BACKEND": "memory"})
-        self.process = Process("at-spi-bus-launcher", ["/usr/libexec/at-spi-bus-launcher", "--launch-immediately"],
-                               env=env)
+        self.process = Process("at-spi-bus-launcher",
+                               guarded(["/usr/libexec/at-spi-bus-launcher", "--launch-immediately"]), env=env)
         found = {}
 
         def address():
@@ -306,10 +381,10 @@ DefaultModule recorder
                     "XDG_CONFIG_HOME": os.path.join(self.folder, "config"),
                     "XDG_DATA_HOME": os.path.join(self.folder, "data"),
                     "HOME": os.path.join(self.folder, "home")})
-        self.process = Process("speech-dispatcher", [
+        self.process = Process("speech-dispatcher", guarded([
             "speech-dispatcher", "--run-single", "--timeout", "0", "--log-level", "5",
             "--log-dir", os.path.join(self.folder, "log"), "--communication-method", "unix_socket",
-            "--socket-path", self.socket_path], env=env)
+            "--socket-path", self.socket_path]), env=env)
         wait_until(lambda: unix_socket_accepts(self.socket_path) or not self.process.running(), timeout=20,
                    what="speech-dispatcher to accept connections")
         if not self.process.running():
@@ -317,8 +392,10 @@ DefaultModule recorder
         return self
 
     def stop(self):
+        # speech-dispatcher 0.11 now and then waits for its output module for many seconds after
+        # SIGTERM; nothing is lost by ending it sooner.
         if self.process:
-            self.process.stop()
+            self.process.stop(timeout=3)
 
     def utterances(self):
         """[(text, finished)] in the order the module was asked to say them."""
@@ -427,7 +504,7 @@ class Orca(_Service):
             raise AssertionError("another Orca runs for this user, and Orca cannot be given a process-id "
                                  "namespace of its own here (unshare --pid needs root or user namespaces)")
         isolation = ["unshare", "--pid", "--fork", "--mount-proc", "--kill-child=SIGKILL"] if self.isolated else []
-        self.process = Process("orca", [*isolation, "orca", f"--debug-file={self.debug_log}"], env=env)
+        self.process = Process("orca", guarded([*isolation, "orca", f"--debug-file={self.debug_log}"]), env=env)
 
     @staticmethod
     def can_isolate():
@@ -527,11 +604,11 @@ class PulseServer(_Service):
             # No session bus (and no X11 autolaunch of one): PulseAudio only warns.
             "DBUS_SESSION_BUS_ADDRESS": f"unix:path={self.runtime}/no-bus",
         })
-        self.process = Process("pulseaudio", [
+        self.process = Process("pulseaudio", guarded([
             "pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no", "--disallow-exit",
             "--log-target=stderr",
             "-L", f"module-native-protocol-unix socket={self.socket_path} auth-anonymous=1",
-            "-L", f"module-null-sink sink_name={self.SINK} rate=44100 channels=2"], env=env)
+            "-L", f"module-null-sink sink_name={self.SINK} rate=44100 channels=2"]), env=env)
 
         def up():
             return self.process.running() and subprocess.run(
@@ -673,6 +750,8 @@ class A11yDesktop(Desktop):
     def __init__(self, with_jack=False):
         super().__init__(with_jack=with_jack)
         become_subreaper()
+        self.watchdog = Watchdog()
+        self.watchdog.remove_later(self.tmp)
         self.session_bus = None
         self.a11y_bus = None
         self.speech = None
@@ -695,11 +774,54 @@ class A11yDesktop(Desktop):
         self.env.pop("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", None)
         self.env.pop("QT_ACCESSIBILITY", None)
 
+    # JACK's dummy driver with 64-frame periods (1.3 ms) runs without real-time scheduling here;
+    # on a loaded machine it has xruns, in which MIDI events get lost. These tests do not
+    # measure latency: longer periods make xruns rare.
+    JACK_PERIOD = 1024
+
+    def _start_jack(self):
+        self._spawn("jackd", ["jackd", "--no-realtime", "-n", self.jack_name, "-d", "dummy", "-r", "48000",
+                              "-p", str(self.JACK_PERIOD)])
+        self.wait_until(lambda: subprocess.run(["jack_lsp"], env=self.env, capture_output=True).returncode == 0,
+                        timeout=DEFAULT_TIMEOUT, what="the JACK server to answer")
+        self.receiver = self._spawn("receiver", [os.environ["PLINKORA_RECEIVER"], "--connect", "PLK:PLK"])
+        self.receiver.wait_for_line(r"^ready ")
+
+    def _spawn(self, name, argv, env=None, capture=True):
+        process = super()._spawn(name, guarded(argv), env=env, capture=capture)
+        self.watchdog.watch(process.pid)
+        return process
+
+    def __enter__(self):
+        try:
+            super().__enter__()
+        except BaseException:
+            self.watchdog.stop()
+            raise
+        for process in self.processes:  # Xvfb, started by the harness without _spawn
+            self.watchdog.watch(process.pid)
+        return self
+
+    def close(self):
+        """Stops everything in the reverse order of starting; removes the test's folder unless
+        PLINKORA_KEEP_TEST_FOLDERS is set (for reading the logs after a failure)."""
+        if os.environ.get("PLINKORA_KEEP_TEST_FOLDERS"):
+            for process in reversed(self.processes):
+                process.stop()
+            self.processes.clear()
+            print(f"kept {self.tmp}", file=sys.stderr)
+        else:
+            super().close()
+        self.watchdog.stop()
+
     def _folder(self, name):
         return private_folder(os.path.join(self.tmp, name))
 
     def _keep(self, service):
         self.processes.append(service)
+        for pid in (getattr(service, "pid", None), getattr(service, "bus_daemon_pid", None),
+                    getattr(service, "registry_pid", None)):
+            self.watchdog.watch(pid)
         return service
 
     def start_session_bus(self):
@@ -718,7 +840,12 @@ class A11yDesktop(Desktop):
         self.speech = self._keep(SpeechService(self._folder("speech"), speaking_time=speaking_time))
         self.env["SPEECHD_ADDRESS"] = self.speech.address
         if start:
-            self.speech.start()
+            self.start_speech_service()
+        return self.speech
+
+    def start_speech_service(self):
+        self.speech.start()
+        self.watchdog.watch(self.speech.pid)
         return self.speech
 
     def start_orca(self, speech=None):
@@ -730,6 +857,7 @@ class A11yDesktop(Desktop):
     def start_pulse(self):
         self.pulse = self._keep(PulseServer(self._folder("pulse")))
         self.pulse.start()
+        self.watchdog.watch(self.pulse.pid)
         self.env["PULSE_SERVER"] = self.pulse.server
         return self.pulse
 
