@@ -774,19 +774,6 @@ class A11yDesktop(Desktop):
         self.env.pop("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", None)
         self.env.pop("QT_ACCESSIBILITY", None)
 
-    # JACK's dummy driver with 64-frame periods (1.3 ms) runs without real-time scheduling here;
-    # on a loaded machine it has xruns, in which MIDI events get lost. These tests do not
-    # measure latency: longer periods make xruns rare.
-    JACK_PERIOD = 1024
-
-    def _start_jack(self):
-        self._spawn("jackd", ["jackd", "--no-realtime", "-n", self.jack_name, "-d", "dummy", "-r", "48000",
-                              "-p", str(self.JACK_PERIOD)])
-        self.wait_until(lambda: subprocess.run(["jack_lsp"], env=self.env, capture_output=True).returncode == 0,
-                        timeout=DEFAULT_TIMEOUT, what="the JACK server to answer")
-        self.receiver = self._spawn("receiver", [os.environ["PLINKORA_RECEIVER"], "--connect", "PLK:PLK"])
-        self.receiver.wait_for_line(r"^ready ")
-
     def _spawn(self, name, argv, env=None, capture=True):
         process = super()._spawn(name, guarded(argv), env=env, capture=capture)
         self.watchdog.watch(process.pid)
@@ -805,13 +792,15 @@ class A11yDesktop(Desktop):
     def close(self):
         """Stops everything in the reverse order of starting; removes the test's folder unless
         PLINKORA_KEEP_TEST_FOLDERS is set (for reading the logs after a failure)."""
-        if os.environ.get("PLINKORA_KEEP_TEST_FOLDERS"):
+        if os.environ.get("PLINKORA_KEEP_TEST_FOLDERS") and os.path.isdir(self.tmp):
             for process in reversed(self.processes):
                 process.stop()
             self.processes.clear()
-            print(f"kept {self.tmp}", file=sys.stderr)
-        else:
-            super().close()
+            kept = self.tmp + "-kept"
+            os.rename(self.tmp, kept)
+            os.mkdir(self.tmp)
+            print(f"kept {kept}", file=sys.stderr)
+        super().close()
         self.watchdog.stop()
 
     def _folder(self, name):
