@@ -31,7 +31,7 @@
 #include "input/key_map.h"
 #include "input/key_table.h"
 #include "input/keyboard_monitor.h"
-#include "midi/midi_backend.h"
+#include "midi/null_backend.h"
 #include "midi/midi_manager.h"
 #include "properties/announcer.h"
 #include "ui/keyboard_view.h"
@@ -73,20 +73,10 @@ namespace {
 // What the application is given instead of the desktop.
 
 /// A MIDI back end that takes the time of the first message after it is armed.
-class TimestampingBackend final : public MidiBackend
+class TimestampingBackend final : public NullBackend
 {
 public:
     std::string_view apiName() const override { return "timestamping"; }
-    MidiStatus createClient(std::string_view, std::uint32_t& client) override
-    {
-        client = 1;
-        return kStatusOk;
-    }
-    MidiStatus createSource(std::uint32_t, std::string_view, std::uint32_t& source) override
-    {
-        source = 1;
-        return kStatusOk;
-    }
     MidiStatus received(std::uint32_t, const MidiPacket& packet) override
     {
         const Clock::time_point now = Clock::now();
@@ -99,8 +89,6 @@ public:
         }
         return kStatusOk;
     }
-    void disposeSource(std::uint32_t) override {}
-    void disposeClient(std::uint32_t) override {}
 
     void arm()
     {
