@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages Plinkora needs.
 #   scripts/install-deps.sh run    what building and running needs
-#   scripts/install-deps.sh test   that, plus what the tests and benchmarks need
+#   scripts/install-deps.sh package  that, plus Debian's packaging tools (scripts/package.sh)
+#   scripts/install-deps.sh test   all of the above, plus what the tests and benchmarks need
 # Packages already installed are not fetched again; apt-get runs only when something is missing.
 set -euo pipefail
 
@@ -10,7 +11,10 @@ build_and_run=(
     qt6-base-dev qt6-multimedia-dev libqt6opengl6-dev qt6-qpa-plugins
     librtmidi-dev libjack-jackd2-dev libasound2-dev
     libspeechd-dev speech-dispatcher speech-dispatcher-espeak-ng
-    fonts-dejavu-core
+    fonts-dejavu-core libxcb1-dev
+)
+packaging=(
+    debhelper dpkg-dev fakeroot lintian desktop-file-utils appstream man-db
 )
 tests=(
     libgtest-dev libgmock-dev libbenchmark-dev
@@ -21,9 +25,11 @@ tests=(
 )
 
 packages=("${build_and_run[@]}")
-if [ "${1:-test}" = test ]; then
-    packages+=("${tests[@]}")
-fi
+case "${1:-test}" in
+    run) ;;
+    package) packages+=("${packaging[@]}") ;;
+    *) packages+=("${packaging[@]}" "${tests[@]}") ;;
+esac
 
 missing=()
 for p in "${packages[@]}"; do
