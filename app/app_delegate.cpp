@@ -118,6 +118,8 @@ void AppDelegate::applicationDidFinishLaunching()
     keyFocusWatch_ = std::make_unique<KeyFocusWatch>(*keyboardMonitor, &applicationKeyWindow);
 
     keyEventFilter_ = std::make_unique<KeyEventFilter>(*keyboardMonitor);
+    connect(keyFocusWatch_.get(), &KeyFocusWatch::keysLost, keyEventFilter_.get(),
+            &KeyEventFilter::forgetHeldModifiers);
     keyEventFilter_->install();
     keyboardMonitor->localMonitor = keyEventFilter_.get();
 

@@ -57,10 +57,13 @@ void KeyFocusWatch::update()
     if (hasKeys == hasKeys_)
         return;
     hasKeys_ = hasKeys;
-    if (hasKeys)
+    if (hasKeys) {
         monitor_.focusRegained();
-    else
+        emit keysRegained();
+    } else {
         monitor_.focusLost();
+        emit keysLost();
+    }
 }
 
 void KeyFocusWatch::updateNowAndLater()

@@ -31,6 +31,11 @@ public:
     /// True while the main window receives the keys, as last looked at.
     bool mainWindowHasKeys() const { return hasKeys_; }
 
+signals:
+    /// Right after the monitor was told (focusLost() and focusRegained()).
+    void keysLost();
+    void keysRegained();
+
 protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
 

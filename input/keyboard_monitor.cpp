@@ -244,7 +244,9 @@ void KeyboardMonitor::focusRegained()
     if (const std::optional<KeySet> down = keysDownNow ? keysDownNow() : std::nullopt) {
         // The platform repeats a key held through the return as new presses: every key down
         // now waits for its release, whichever window it was pressed in.
-        keysToPressAgain = *down;
+        keysToPressAgain.reset();
+        for (KeyCode code = 0; code < down->size(); ++code)
+            keysToPressAgain.set(code, down->test(code) && isHandledKey(code));
         releasesToIgnore.reset();
         if (!down->test(kKeyShift) && !down->test(kKeyRightShift))
             sustainToPressAgain = false;

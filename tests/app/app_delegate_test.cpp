@@ -488,3 +488,22 @@ TEST_F(AppDelegateTest, QuittingWithShiftAndF1HeldLiftsThemBeforeTheCleanUp)
     QCoreApplication::processEvents();
     EXPECT_TRUE(announcer->spoken.isEmpty());
 }
+
+TEST_F(AppDelegateTest, ShiftLetGoInAnotherProgramDoesNotSustainAtTheNextModifierAfterTheReturn)
+{
+    // GIVEN Shift held in the main window when the preferences take the keys
+    launch();
+    sendPress(*delegate->window, kLinuxLeftShift);
+    delegate->showPreferences();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(delegate->preferencesWindow.get()));
+    // WHEN Shift is let go where Plinkora does not see it, and Control is pressed back in the
+    // main window
+    delegate->showKeyboard();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(delegate->window.get()));
+    recording.clear();
+    sendPress(*delegate->window, kLinuxLeftCtrl, Qt::ControlModifier);
+    sendRelease(*delegate->window, kLinuxLeftCtrl);
+    // THEN no sustain
+    EXPECT_TRUE(sent().empty());
+    EXPECT_EQ(delegate->keyEventFilter()->heldModifierFlags(), 0u);
+}
