@@ -170,6 +170,14 @@ class FocusAndPanicTest(unittest.TestCase):
         d.activate(other)
         return other
 
+    def hold_a_while_another_window_takes_the_keys(self):
+        """A held, then another window: the note-off arrives."""
+        d = self.desktop
+        d.keydown("a")
+        d.wait_for_midi(1)
+        self.open_other_window()
+        self.assertEqual(d.wait_for_midi(2), [[NOTE_ON, 48, 100], [NOTE_OFF, 48, 0]])
+
     def test_opening_the_preferences_with_a_held_sends_its_note_off(self):
         d = self.desktop
         d.keydown("a")
@@ -209,10 +217,7 @@ class FocusAndPanicTest(unittest.TestCase):
     def test_a_key_held_across_the_return_plays_nothing_until_pressed_again(self):
         d = self.desktop
         p = d.plinkora
-        d.keydown("a")
-        d.wait_for_midi(1)
-        self.open_other_window()
-        self.assertEqual(d.wait_for_midi(2), [[NOTE_ON, 48, 100], [NOTE_OFF, 48, 0]])
+        self.hold_a_while_another_window_takes_the_keys()
         # back in the main window with A still down: the X server goes on repeating it there
         start = len(p.snapshot())
         d.activate(d.window)
@@ -228,10 +233,7 @@ class FocusAndPanicTest(unittest.TestCase):
 
     def test_a_key_let_go_in_the_other_window_plays_at_its_next_press(self):
         d = self.desktop
-        d.keydown("a")
-        d.wait_for_midi(1)
-        self.open_other_window()
-        d.wait_for_midi(2)
+        self.hold_a_while_another_window_takes_the_keys()
         d.keyup("a")
         d.activate(d.window)
         d.key("a")
