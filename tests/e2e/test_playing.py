@@ -239,6 +239,19 @@ class FocusAndPanicTest(unittest.TestCase):
         d.key("a")
         self.assertEqual(d.wait_for_midi(4), [[NOTE_ON, 48, 100], [NOTE_OFF, 48, 0]] * 2)
 
+    def test_a_menu_opened_with_a_held_sends_its_note_off_and_escape_only_closes_the_menu(self):
+        d = self.desktop
+        d.keydown("a")
+        d.wait_for_midi(1)
+        d.xdotool("mousemove", "--window", d.window, "20", "10", "click", "1")  # the menu bar
+        self.assertEqual(d.wait_for_midi(2), [[NOTE_ON, 48, 100], [NOTE_OFF, 48, 0]])
+        d.key("Escape")
+        d.plinkora.wait_for_line(r"^Key event received: type=11 keyCode=53$")
+        d.keyup("a")
+        d.settle()
+        self.assertEqual(len(d.midi()), 2)
+        self.assertNotIn("Announcing: All notes off", d.plinkora.snapshot())
+
     def test_escape_after_a_held_chord_sends_the_exact_panic_bytes(self):
         d = self.desktop
         d.keydown("a")
