@@ -1,6 +1,8 @@
 #include "app/app_delegate.h"
 
 #include "app/key_event_filter.h"
+#include "app/key_focus_watch.h"
+#include "app/x11_keys_down.h"
 #include "benders/bender_controller.h"
 #include "benders/sound_player.h"
 #include "common/diagnostics.h"
@@ -74,6 +76,7 @@ AppDelegate::~AppDelegate()
     for (const QPointer<PreferencesWindow>& closed : closedPreferences_)
         delete closed.data();
     preferencesWindow.reset();
+    keyFocusWatch_.reset();
     window.reset();
     keyEventFilter_.reset();
     keyboardMonitor.reset();
@@ -110,8 +113,13 @@ void AppDelegate::applicationDidFinishLaunching()
     keyboardMonitor = std::make_unique<KeyboardMonitor>(*midiManager, settings_, std::move(soundPlayer),
                                                         std::move(announcer));
     keyboardMonitor->keyWindow = &applicationKeyWindow;
+    keyboardMonitor->keysDownNow = &x11KeysDown;
+    // Before the key-event filter, which must stay in front of every application filter.
+    keyFocusWatch_ = std::make_unique<KeyFocusWatch>(*keyboardMonitor, &applicationKeyWindow);
 
     keyEventFilter_ = std::make_unique<KeyEventFilter>(*keyboardMonitor);
+    connect(keyFocusWatch_.get(), &KeyFocusWatch::keysLost, keyEventFilter_.get(),
+            &KeyEventFilter::forgetHeldModifiers);
     keyEventFilter_->install();
     keyboardMonitor->localMonitor = keyEventFilter_.get();
 
@@ -175,11 +183,16 @@ void AppDelegate::applicationWillTerminate()
     if (terminated_)
         return;
     terminated_ = true;
+    // Windows closing at the end say nothing.
+    keyFocusWatch_.reset();
     // Key events can no longer start notes while the last MIDI messages go out.
     if (keyboardMonitor && keyboardMonitor->localMonitor) {
         if (auto* filter = qobject_cast<KeyEventFilter*>(keyboardMonitor->localMonitor.data()))
             filter->remove();
     }
+    // The keys still held are released as usual (sustain and function-key controllers too).
+    if (keyboardMonitor)
+        keyboardMonitor->releaseHeldKeys();
     if (midiManager)
         midiManager->cleanup();
     emit terminated();

@@ -12,6 +12,7 @@ namespace plinkora {
 class AnnouncementLabel;
 class Announcer;
 class KeyEventFilter;
+class KeyFocusWatch;
 class KeyboardMonitor;
 class MainWindow;
 class MidiBackend;
@@ -67,6 +68,9 @@ public:
 
     /// The key-event filter (the keyboard monitor's localMonitor), null before launch.
     KeyEventFilter* keyEventFilter() const { return keyEventFilter_.get(); }
+    /// What tells the keyboard monitor that the main window lost or regained the keys, null
+    /// before launch and after the termination.
+    KeyFocusWatch* keyFocusWatch() const { return keyFocusWatch_.get(); }
     /// True once the termination has run.
     bool hasTerminated() const { return terminated_; }
 
@@ -76,7 +80,7 @@ public slots:
     /// starts; applicationDidFinishLaunching() runs it when it has not run. Runs once.
     void publishMidiPort();
     /// Start-up, in order: MIDI output (the port "PLK" is published, unless publishMidiPort()
-    /// did it already), keyboard monitor, key-event filter (stored in the monitor's
+    /// did it already), keyboard monitor, the watch of the key focus, key-event filter (stored in the monitor's
     /// localMonitor), main window with its menu bar (showKeyboard), the announcer's status-bar
     /// label. Needs the QApplication. Runs once.
     void applicationDidFinishLaunching();
@@ -84,7 +88,9 @@ public slots:
     void showKeyboard();
     /// Shows the preferences window: the one that is open, or a new one.
     void showPreferences();
-    /// Termination: removes the key-event filter, then cleans up the MIDI output (note-offs
+    /// Termination: stops watching the focus, removes the key-event filter, releases the held
+    /// keys (note-offs computed as their releases, sustain and function-key controllers back
+    /// to 0), then cleans up the MIDI output (note-offs
     /// for the sounding notes, pitch bend centred, modulation 0, the port withdrawn). Runs once;
     /// later calls do nothing.
     void applicationWillTerminate();
@@ -101,6 +107,7 @@ private:
     SettingsStore& settings_;
     AppServices services_;
     std::unique_ptr<KeyEventFilter> keyEventFilter_;
+    std::unique_ptr<KeyFocusWatch> keyFocusWatch_;
     // Closed preferences windows waiting for their deferred deletion.
     std::vector<QPointer<PreferencesWindow>> closedPreferences_;
     bool launched_ = false;

@@ -51,6 +51,9 @@ public:
     /// Modifier flags after the last modifier change: Shift while either Shift key is held,
     /// Command while either key of the platform's shortcut modifier is held.
     std::uint64_t heldModifierFlags() const;
+    /// Forgets the modifier keys held: called when the main window loses the keys, after which
+    /// their releases may happen in another program, unseen.
+    void forgetHeldModifiers() { heldModifiers_.reset(); }
 
 protected:
     bool eventFilter(QObject* watched, QEvent* event) override;

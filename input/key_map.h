@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <bitset>
 #include <cstdint>
 #include <optional>
 
@@ -23,6 +24,9 @@ inline constexpr std::uint64_t kEventMask = 0x1C00; // key down, key up, flags c
 inline constexpr std::uint64_t kShiftFlag = 0x20000;
 inline constexpr std::uint64_t kCommandFlag = 0x100000;
 
+/// A set of keys by position code (every key the key map names is below 128).
+using KeySet = std::bitset<128>;
+
 /// One key event as the key handling sees it.
 struct KeyEvent
 {
@@ -39,6 +43,7 @@ inline constexpr KeyCode kKeyEnd = 119;
 inline constexpr KeyCode kKeyPageDown = 121;
 inline constexpr KeyCode kKeyPeriod = 47;
 inline constexpr KeyCode kKeySlash = 44;
+inline constexpr KeyCode kKeyEscape = 53; // all notes off
 
 /// F1, F2, F3, F4.
 inline constexpr std::array<KeyCode, 4> functionKeyCodes{122, 120, 99, 118};

@@ -64,7 +64,6 @@ KeyCode positionCodeForKeyEvent(std::uint32_t nativeScanCode, std::uint32_t nati
 inline constexpr KeyCode kKeyReturn = 36;
 inline constexpr KeyCode kKeySpace = 49;
 inline constexpr KeyCode kKeyDelete = 51;
-inline constexpr KeyCode kKeyEscape = 53;
 inline constexpr KeyCode kKeyRightCommand = 54; // right Super / Windows key on a PC keyboard
 inline constexpr KeyCode kKeyCommand = 55;      // left Super / Windows key on a PC keyboard
 inline constexpr KeyCode kKeyShift = 56;

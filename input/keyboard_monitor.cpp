@@ -3,7 +3,9 @@
 #include "benders/bender_controller.h"
 #include "common/settings_store.h"
 #include "input/function_key_config.h"
+#include "input/key_table.h"
 #include "midi/midi_manager.h"
+#include "properties/announcer.h"
 #include "properties/property_manager.h"
 
 #include <cstdio>
@@ -25,7 +27,7 @@ bool KeyboardMonitor::isHandledKey(KeyCode code)
 {
     return isFunctionKey(code) || octaveForKey(code) || velocityForKey(code) || noteOffsetForKey(code)
         || isArrowKey(code) || code == kKeyPeriod || code == kKeySlash || code == kKeyHome || code == kKeyPageUp
-        || code == kKeyEnd || code == kKeyPageDown || code == kKeyTab;
+        || code == kKeyEnd || code == kKeyPageDown || code == kKeyTab || code == kKeyEscape;
 }
 
 bool KeyboardMonitor::monitorCallback(const KeyEvent& event)
@@ -38,6 +40,9 @@ bool KeyboardMonitor::monitorCallback(const KeyEvent& event)
     const QObject* active = keyWindow ? keyWindow() : nullptr;
     if (active != keyboardWindow.data())
         return false;
+    // Back in the main window before the application said so: the return happens now.
+    if (focusAway)
+        focusRegained();
 
     if (event.type == kEventFlagsChanged) {
         handleKeyEvent(event);
@@ -52,11 +57,42 @@ bool KeyboardMonitor::monitorCallback(const KeyEvent& event)
     return true;
 }
 
+bool KeyboardMonitor::isLeftoverOfHeldKey(const KeyEvent& event)
+{
+    const KeyCode code = event.keyCode;
+    if (event.type == kEventFlagsChanged) {
+        // Shift held through the change is no sustain; letting it go sends nothing either.
+        if (!sustainToPressAgain)
+            return false;
+        if (!(event.modifierFlags & kShiftFlag))
+            sustainToPressAgain = false;
+        return true;
+    }
+    if (!(event.modifierFlags & kShiftFlag))
+        sustainToPressAgain = false;
+    if (code >= keysToPressAgain.size())
+        return false;
+    const bool keyDown = event.type == kEventKeyDown;
+    if (keysToPressAgain.test(code)) {
+        if (!keyDown)
+            keysToPressAgain.reset(code);
+        return true;
+    }
+    if (releasesToIgnore.test(code)) {
+        releasesToIgnore.reset(code);
+        return !keyDown;
+    }
+    return false;
+}
+
 void KeyboardMonitor::handleKeyEvent(const KeyEvent& event)
 {
     const KeyCode code = event.keyCode;
     const bool keyDown = event.type == kEventKeyDown;
     const bool alreadyPressed = code < pressedKeys.size() && pressedKeys.test(code);
+
+    if (isLeftoverOfHeldKey(event))
+        return;
 
     if (event.type == kEventFlagsChanged) {
         const bool shift = (event.modifierFlags & kShiftFlag) != 0;
@@ -64,6 +100,16 @@ void KeyboardMonitor::handleKeyEvent(const KeyEvent& event)
             sustainActive = shift;
             midiManager.sendControlChange(64, shift ? 127 : 0, propertyManager->getChannel());
         }
+        return;
+    }
+
+    const bool alreadyHeld = code < heldKeys.size() && heldKeys.test(code);
+    if (code < heldKeys.size())
+        heldKeys.set(code, keyDown);
+
+    if (code == kKeyEscape) {
+        if (keyDown && !alreadyHeld)
+            allNotesOff();
         return;
     }
 
@@ -150,6 +196,103 @@ void KeyboardMonitor::handleKeyEvent(const KeyEvent& event)
     pressedKeys.reset(code);
     const std::uint8_t note = noteNumber(currentOctave, *offset, propertyManager->getTranspose());
     midiManager.sendNoteOff(note, propertyManager->getChannel());
+}
+
+void KeyboardMonitor::releaseHeldKeys()
+{
+    const std::uint8_t channel = propertyManager->getChannel();
+    for (KeyCode code = 0; code < pressedKeys.size(); ++code) {
+        if (!pressedKeys.test(code))
+            continue;
+        if (const std::optional<int> offset = noteOffsetForKey(code))
+            midiManager.sendNoteOff(noteNumber(currentOctave, *offset, propertyManager->getTranspose()), channel);
+    }
+    if (sustainActive) {
+        sustainActive = false;
+        sustainToPressAgain = true;
+        midiManager.sendControlChange(64, 0, channel);
+    }
+    for (std::size_t index = 0; index < functionKeyCodes.size(); ++index) {
+        if (heldKeys.test(functionKeyCodes[index]))
+            midiManager.sendControlChange(
+                FunctionKeyConfig::shared().controllerNumber(settings_, static_cast<int>(index)), 0, channel);
+    }
+    benderController->upPressed = false;
+    benderController->downPressed = false;
+    benderController->leftPressed = false;
+    benderController->rightPressed = false;
+
+    keysToPressAgain |= heldKeys;
+    pressedKeys.reset();
+    heldKeys.reset();
+}
+
+void KeyboardMonitor::focusLost()
+{
+    if (focusAway)
+        return;
+    focusAway = true;
+    releaseHeldKeys();
+    speakWithoutScreenReader("Paused");
+}
+
+void KeyboardMonitor::focusRegained()
+{
+    if (!focusAway)
+        return;
+    focusAway = false;
+    if (const std::optional<KeySet> down = keysDownNow ? keysDownNow() : std::nullopt) {
+        // The platform repeats a key held through the return as new presses: every key down
+        // now waits for its release, whichever window it was pressed in.
+        keysToPressAgain.reset();
+        for (KeyCode code = 0; code < down->size(); ++code)
+            keysToPressAgain.set(code, down->test(code) && isHandledKey(code));
+        releasesToIgnore.reset();
+        if (!down->test(kKeyShift) && !down->test(kKeyRightShift))
+            sustainToPressAgain = false;
+    } else {
+        // No way to tell what was let go meanwhile: a key-down is a new press, and the release
+        // of a key held since the loss sends nothing.
+        releasesToIgnore |= keysToPressAgain;
+        keysToPressAgain.reset();
+        sustainToPressAgain = false;
+    }
+    speakWithoutScreenReader("Playing");
+}
+
+void KeyboardMonitor::allNotesOff()
+{
+    midiManager.stopActiveNotes(propertyManager->getChannel());
+    midiManager.sendAllChannelsOff();
+    BenderController& benders = *benderController;
+    benders.upPressed = benders.downPressed = benders.leftPressed = benders.rightPressed = false;
+    benders.pitchBend = benders.pitchBendCenter;
+    benders.modulation = benders.modulationMin;
+    midiManager.sendBendersAtRest();
+
+    // Note keys, arrows and Shift still held start nothing again until pressed again.
+    KeySet silenced = pressedKeys;
+    for (const KeyCode arrow : arrowKeyCodes)
+        silenced.set(arrow, heldKeys.test(arrow));
+    keysToPressAgain |= silenced;
+    heldKeys &= ~silenced;
+    pressedKeys.reset();
+    if (sustainActive) {
+        sustainActive = false;
+        sustainToPressAgain = true;
+    }
+    propertyManager->announce(QStringLiteral("All notes off"));
+}
+
+void KeyboardMonitor::speakWithoutScreenReader(const char* text)
+{
+    // A screen reader reports the focus change itself; Plinkora's voice is for those without one.
+    Announcer* voice = propertyManager->speechSynthesizer.get();
+    if (!voice || voice->isScreenReaderRunning())
+        return;
+    if (voice->isSpeaking())
+        voice->stopSpeaking();
+    voice->speak(QString::fromLatin1(text));
 }
 
 } // namespace plinkora

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace plinkora {
 
@@ -41,10 +42,42 @@ public:
     /// True for every key Plinkora acts on (the same for key-down and key-up).
     static bool isHandledKey(KeyCode code);
 
+    /// The main window stopped receiving the keys (another window, a menu, the screen lock):
+    /// every held key counts as released now (releaseHeldKeys), and Plinkora's own voice says
+    /// "Paused" when no screen reader runs. Does nothing while the keys are away already.
+    void focusLost();
+    /// The main window receives the keys again. Keys that are down now (as keysDownNow tells)
+    /// play nothing until pressed again; Plinkora's own voice says "Playing" when no screen
+    /// reader runs. Does nothing unless focusLost() came before.
+    void focusRegained();
+    /// Escape, the panic: a note-off on the current channel for every sounding note, then on
+    /// each channel sustain 0, all notes off and all sound off, the benders back at rest (sent),
+    /// and "All notes off" announced. Note keys and arrows still held play nothing until
+    /// pressed again.
+    void allNotesOff();
+    /// As if every held key were released now: a note-off for each held note key (computed as
+    /// its release would be), sustain 0 if Shift was held, controller value 0 for each held
+    /// function key, the arrow flags cleared. The held keys' key-downs then play nothing until
+    /// they are released, and their release sends nothing. Also run at termination.
+    void releaseHeldKeys();
+
     /// The installed key-event filter, removed at termination (empty when none was installed).
     QPointer<QObject> localMonitor;
     MIDIManager& midiManager;
     std::bitset<128> pressedKeys; // note keys that are down (all note keys are below 128)
+    /// Every handled key that is down in the main window: note keys, function keys, arrows...
+    KeySet heldKeys;
+    /// Keys held through a focus change or a panic: their key-downs are repeats that play
+    /// nothing, their key-up sends nothing and forgets them.
+    KeySet keysToPressAgain;
+    /// Keys held when the main window lost the keys, where the platform cannot tell whether
+    /// they are still down at the return: their key-up sends nothing; a key-down is a new press.
+    KeySet releasesToIgnore;
+    /// Shift was held when sustain was lifted by a focus change or a panic: it sustains again
+    /// only once pressed again.
+    bool sustainToPressAgain = false;
+    /// Between focusLost() and focusRegained().
+    bool focusAway = false;
     std::unique_ptr<BenderController> benderController;
     std::unique_ptr<PropertyManager> propertyManager;
     bool sustainActive = false;
@@ -55,8 +88,16 @@ public:
 
     /// Answers the application's key window (empty: none). Set by the application.
     std::function<QObject*()> keyWindow;
+    /// Answers which keys are physically down now, by position code; nothing where the platform
+    /// cannot tell. Asked at focusRegained(). Set by the application.
+    std::function<std::optional<KeySet>()> keysDownNow;
 
 private:
+    /// True when the event belongs to a key held through a focus change or a panic, and is
+    /// therefore swallowed without acting.
+    bool isLeftoverOfHeldKey(const KeyEvent& event);
+    void speakWithoutScreenReader(const char* text);
+
     SettingsStore& settings_;
 };
 

@@ -95,18 +95,32 @@ void MIDIManager::sendProgramChange(std::uint8_t program, std::uint8_t channel)
         printLine("Error sending MIDI program change: ", status);
 }
 
-void MIDIManager::cleanup()
+void MIDIManager::stopActiveNotes(std::uint8_t channel)
 {
     const ActiveNoteSet snapshot = activeNotes;
-    snapshot.forEach([this](std::uint8_t note) {
-        if (virtualSource == 0)
-            return;
-        activeNotes.erase(note);
-        if (const MidiStatus status = send(0x80, dataByte(note), 0, 3))
-            printLine("Error sending MIDI note off: ", status);
-    });
+    snapshot.forEach([this, channel](std::uint8_t note) { sendNoteOff(note, channel); });
+}
+
+void MIDIManager::sendAllChannelsOff()
+{
+    constexpr std::uint8_t kSustain = 64, kAllNotesOff = 123, kAllSoundOff = 120;
+    for (std::uint8_t channel = 0; channel < 16; ++channel) {
+        sendControlChange(kSustain, 0, channel);
+        sendControlChange(kAllNotesOff, 0, channel);
+        sendControlChange(kAllSoundOff, 0, channel);
+    }
+}
+
+void MIDIManager::sendBendersAtRest()
+{
     sendPitchBend(8192, 0);
     sendControlChange(1, 0, 0);
+}
+
+void MIDIManager::cleanup()
+{
+    stopActiveNotes(0);
+    sendBendersAtRest();
     if (virtualSource != 0)
         backend_->disposeSource(virtualSource);
     if (midiClient != 0)

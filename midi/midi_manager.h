@@ -50,6 +50,14 @@ public:
     void sendPitchBend(std::uint16_t value, std::uint8_t channel);
     void sendControlChange(std::uint8_t controller, std::uint8_t value, std::uint8_t channel);
     void sendProgramChange(std::uint8_t program, std::uint8_t channel);
+    /// A note-off on `channel` for every sounding note, in ascending note order; none of them
+    /// counts as sounding afterwards.
+    void stopActiveNotes(std::uint8_t channel);
+    /// On each of the 16 channels in turn: sustain 0 (controller 64), all notes off (123),
+    /// all sound off (120).
+    void sendAllChannelsOff();
+    /// The benders at rest: pitch bend centre and modulation 0, on channel 0 where they send.
+    void sendBendersAtRest();
     /// Note-offs on channel 0 for the sounding notes, bend centre, modulation 0, then the
     /// source and the client are withdrawn. Called once, at termination.
     void cleanup();

@@ -1,6 +1,7 @@
 #include "app/app_delegate.h"
 
 #include "app/key_event_filter.h"
+#include "app/key_focus_watch.h"
 #include "app/single_instance.h"
 #include "app/termination_signals.h"
 #include "benders/bender_controller.h"
@@ -411,4 +412,98 @@ TEST_F(AppDelegateTest, SigintSigtermAndSighupQuitThroughTheSameTermination)
         EXPECT_EQ(recording.calls().back().op, RecordingBackend::Op::DisposeClient);
         delegate.reset();
     }
+}
+
+TEST_F(AppDelegateTest, OpeningThePreferencesWithAKeyHeldSendsItsNoteOffAndSaysPausedThenPlaying)
+{
+    // GIVEN A and Shift held in the main window
+    launch();
+    ASSERT_TRUE(delegate->keyFocusWatch());
+    EXPECT_TRUE(delegate->keyFocusWatch()->mainWindowHasKeys());
+    sendPress(*delegate->window, kLinuxLeftShift);
+    sendPress(*delegate->window, kLinuxA, Qt::ShiftModifier);
+    recording.clear();
+    // WHEN the preferences window takes the keys
+    delegate->showPreferences();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(delegate->preferencesWindow.get()));
+    // THEN A's note-off and sustain 0, once
+    EXPECT_EQ(sent(), (std::vector<Bytes>{{0x80, 48, 0}, {0xB0, 64, 0}}));
+    EXPECT_FALSE(delegate->keyFocusWatch()->mainWindowHasKeys());
+    // AND back in the main window, the voice said Paused and then Playing
+    delegate->showKeyboard();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(delegate->window.get()));
+    QCoreApplication::processEvents();
+    EXPECT_TRUE(delegate->keyFocusWatch()->mainWindowHasKeys());
+    EXPECT_EQ(announcer->spoken, (QStringList{"Paused", "Playing"}));
+    EXPECT_EQ(sent().size(), 2u);
+}
+
+TEST_F(AppDelegateTest, AMenuOpeningTakesTheKeysAndClosingGivesThemBack)
+{
+    launch();
+    sendPress(*delegate->window, kLinuxK);
+    recording.clear();
+    QMenu* menu = delegate->window->applicationMenu();
+    menu->popup(delegate->window->mapToGlobal(QPoint(10, 10)));
+    EXPECT_TRUE(waitUntil([&] { return !delegate->keyFocusWatch()->mainWindowHasKeys(); }, 5000));
+    EXPECT_EQ(sent(), (std::vector<Bytes>{{0x80, 60, 0}}));
+    menu->close();
+    EXPECT_TRUE(waitUntil([&] { return delegate->keyFocusWatch()->mainWindowHasKeys(); }, 5000));
+    EXPECT_FALSE(delegate->keyboardMonitor->focusAway);
+}
+
+TEST_F(AppDelegateTest, EscapeInTheMainWindowSilencesEverything)
+{
+    launch();
+    sendPress(*delegate->window, kLinuxA);
+    recording.clear();
+    sendPress(*delegate->window, kLinuxEscape);
+    const auto messages = sent();
+    ASSERT_EQ(messages.size(), 1u + 16u * 3u + 2u);
+    EXPECT_EQ(messages.front(), (Bytes{0x80, 48, 0}));
+    EXPECT_EQ(messages[1], (Bytes{0xB0, 64, 0}));
+    EXPECT_EQ(messages.back(), (Bytes{0xB0, 0x01, 0x00}));
+}
+
+TEST_F(AppDelegateTest, EscapeInThePreferencesWindowSendsNothing)
+{
+    launch();
+    delegate->showPreferences();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(delegate->preferencesWindow.get()));
+    recording.clear();
+    sendPress(*delegate->preferencesWindow, kLinuxEscape);
+    sendRelease(*delegate->preferencesWindow, kLinuxEscape);
+    EXPECT_TRUE(sent().empty());
+}
+
+TEST_F(AppDelegateTest, QuittingWithShiftAndF1HeldLiftsThemBeforeTheCleanUp)
+{
+    launch();
+    sendPress(*delegate->window, kLinuxLeftShift);
+    sendPress(*delegate->window, kLinuxF1, Qt::ShiftModifier);
+    recording.clear();
+    delegate->requestQuit();
+    EXPECT_EQ(sent(), (std::vector<Bytes>{{0xB0, 64, 0}, {0xB0, 115, 0}, {0xE0, 0x00, 0x40}, {0xB0, 0x01, 0x00}}));
+    // nothing is said at the end
+    QCoreApplication::processEvents();
+    EXPECT_TRUE(announcer->spoken.isEmpty());
+}
+
+TEST_F(AppDelegateTest, ShiftLetGoInAnotherProgramDoesNotSustainAtTheNextModifierAfterTheReturn)
+{
+    // GIVEN Shift held in the main window when the preferences take the keys
+    launch();
+    sendPress(*delegate->window, kLinuxLeftShift);
+    delegate->showPreferences();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(delegate->preferencesWindow.get()));
+    // WHEN Shift is let go where Plinkora does not see it, and Control is pressed back in the
+    // main window
+    delegate->showKeyboard();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(delegate->window.get()));
+    recording.clear();
+    sendPress(*delegate->window, kLinuxLeftCtrl, Qt::ControlModifier);
+    sendRelease(*delegate->window, kLinuxLeftCtrl);
+    // THEN no sustain
+    EXPECT_TRUE(sent().empty());
+    EXPECT_EQ(delegate->keyEventFilter()->heldModifierFlags(), 0u);
 }

@@ -36,6 +36,7 @@ inline constexpr LinuxKey kLinuxF1{KEY_F1, Qt::Key_F1, ""};
 inline constexpr LinuxKey kLinuxLeftShift{KEY_LEFTSHIFT, Qt::Key_Shift, ""};
 inline constexpr LinuxKey kLinuxRightShift{KEY_RIGHTSHIFT, Qt::Key_Shift, ""};
 inline constexpr LinuxKey kLinuxLeftCtrl{KEY_LEFTCTRL, Qt::Key_Control, ""};
+inline constexpr LinuxKey kLinuxEscape{KEY_ESC, Qt::Key_Escape, "\x1b"};
 
 inline std::unique_ptr<QKeyEvent> makeKeyEvent(QEvent::Type type, const LinuxKey& key,
                                                Qt::KeyboardModifiers modifiers = Qt::NoModifier,

@@ -152,6 +152,129 @@ class PlayingTest(unittest.TestCase):
         self.assertTrue(d.plinkora.running())
 
 
+class FocusAndPanicTest(unittest.TestCase):
+    """Keys held when the main window loses the keys are released there and then; keys still
+    down at the return play nothing until pressed again; Escape silences everything."""
+
+    def setUp(self):
+        self.desktop = Desktop()
+        self.desktop.__enter__()
+        self.addCleanup(self.desktop.close)
+        self.desktop.start_plinkora()
+
+    def open_other_window(self):
+        """Another program's window takes the keys."""
+        d = self.desktop
+        d._spawn("xmessage", ["xmessage", "-title", "Other window", "Other window"], capture=False)
+        other = d.wait_for_window("^Other window$")
+        d.activate(other)
+        return other
+
+    def hold_a_while_another_window_takes_the_keys(self):
+        """A held, then another window: the note-off arrives."""
+        d = self.desktop
+        d.keydown("a")
+        d.wait_for_midi(1)
+        self.open_other_window()
+        self.assertEqual(d.wait_for_midi(2), [[NOTE_ON, 48, 100], [NOTE_OFF, 48, 0]])
+
+    def test_opening_the_preferences_with_a_held_sends_its_note_off(self):
+        d = self.desktop
+        d.keydown("a")
+        d.wait_for_midi(1)
+        d.chord("ctrl", "comma")
+        d.wait_for_window("^Preferences$")
+        self.assertEqual(d.wait_for_midi(2), [[NOTE_ON, 48, 100], [NOTE_OFF, 48, 0]])
+        d.keyup("a")
+        d.settle()
+        self.assertEqual(len(d.midi()), 2)
+
+    def test_another_window_lifts_the_sustain_held_with_shift(self):
+        d = self.desktop
+        d.keydown("shift")
+        d.wait_for_midi(1)
+        self.open_other_window()
+        self.assertEqual(d.wait_for_midi(2), [[0xB0, 64, 127], [0xB0, 64, 0]])
+        d.keyup("shift")
+        d.settle()
+        self.assertEqual(len(d.midi()), 2)
+
+    def test_up_held_when_another_window_takes_the_keys_lets_the_bend_spring_back(self):
+        d = self.desktop
+        d.keydown("Up")
+        d.wait_for_midi(5)
+        self.open_other_window()
+        d.wait_until(lambda: d.midi()[-1] == [0xE0, 0x00, 0x40], what="the bend back at the centre")
+        d.settle()
+        values = [m[1] | (m[2] << 7) for m in d.midi()]
+        self.assertTrue(all(m[0] == 0xE0 for m in d.midi()))
+        peak = values.index(max(values))
+        self.assertGreater(peak, 0)
+        self.assertTrue(all(a > b for a, b in zip(values[peak:], values[peak + 1:])), values)
+        self.assertEqual(values[-1], 8192)
+        d.keyup("Up")
+
+    def test_a_key_held_across_the_return_plays_nothing_until_pressed_again(self):
+        d = self.desktop
+        p = d.plinkora
+        self.hold_a_while_another_window_takes_the_keys()
+        # back in the main window with A still down: the X server goes on repeating it there
+        start = len(p.snapshot())
+        d.activate(d.window)
+        first = p.wait_for_line(r"^Key event received: type=10 keyCode=0$", start=start, timeout=10)
+        p.wait_for_line(r"^Key event received: type=10 keyCode=0$", start=first + 1, timeout=10)
+        d.keyup("a")
+        p.wait_for_line(r"^Key event received: type=11 keyCode=0$", start=first + 1)
+        d.settle()
+        self.assertEqual(len(d.midi()), 2)
+        # pressed again, it plays
+        d.key("a")
+        self.assertEqual(d.wait_for_midi(4)[2:], [[NOTE_ON, 48, 100], [NOTE_OFF, 48, 0]])
+
+    def test_a_key_let_go_in_the_other_window_plays_at_its_next_press(self):
+        d = self.desktop
+        self.hold_a_while_another_window_takes_the_keys()
+        d.keyup("a")
+        d.activate(d.window)
+        d.key("a")
+        self.assertEqual(d.wait_for_midi(4), [[NOTE_ON, 48, 100], [NOTE_OFF, 48, 0]] * 2)
+
+    def test_a_menu_opened_with_a_held_sends_its_note_off_and_escape_only_closes_the_menu(self):
+        d = self.desktop
+        d.keydown("a")
+        d.wait_for_midi(1)
+        d.xdotool("mousemove", "--window", d.window, "20", "10", "click", "1")  # the menu bar
+        self.assertEqual(d.wait_for_midi(2), [[NOTE_ON, 48, 100], [NOTE_OFF, 48, 0]])
+        d.key("Escape")
+        d.plinkora.wait_for_line(r"^Key event received: type=11 keyCode=53$")
+        d.keyup("a")
+        d.settle()
+        self.assertEqual(len(d.midi()), 2)
+        self.assertNotIn("Announcing: All notes off", d.plinkora.snapshot())
+
+    def test_escape_after_a_held_chord_sends_the_exact_panic_bytes(self):
+        d = self.desktop
+        d.keydown("a")
+        d.keydown("d")
+        d.keydown("g")
+        d.wait_for_midi(3)
+        d.key("Escape")
+        d.plinkora.wait_for_line(r"^Announcing: All notes off$")
+        panic = [[NOTE_OFF, 48, 0], [NOTE_OFF, 52, 0], [NOTE_OFF, 55, 0]]
+        for channel in range(16):
+            panic += [[0xB0 | channel, 64, 0], [0xB0 | channel, 123, 0], [0xB0 | channel, 120, 0]]
+        panic += [[0xE0, 0x00, 0x40], [0xB0, 0x01, 0x00]]
+        self.assertEqual(d.wait_for_midi(3 + len(panic)),
+                         [[NOTE_ON, 48, 100], [NOTE_ON, 52, 100], [NOTE_ON, 55, 100]] + panic)
+        # the chord let go afterwards sends nothing more
+        d.keyup("a")
+        d.keyup("d")
+        d.keyup("g")
+        d.plinkora.wait_for_line(r"^Key event received: type=11 keyCode=5$")
+        d.settle()
+        self.assertEqual(len(d.midi()), 3 + len(panic))
+
+
 class QuittingTest(unittest.TestCase):
     """Every way of quitting silences the receiver: note-offs, bend centre, modulation 0,
     then the port goes."""

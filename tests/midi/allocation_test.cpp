@@ -192,6 +192,26 @@ TEST(SendingAllocation, SendingOnTheNullBackEndAllocatesNothing)
     EXPECT_EQ(counted, 0);
 }
 
+TEST(SendingAllocation, ThePanicAllocatesNothing)
+{
+    // GIVEN a manager on the null sink with notes sounding
+    MIDIManager manager(std::make_unique<NullBackend>());
+    manager.sendNoteOn(60, 100, 0);
+    manager.sendNoteOn(64, 100, 0);
+    long counted = 0;
+    {
+        // WHEN the notes are stopped, every channel silenced and the benders put at rest
+        const AllocationCounter counter;
+        manager.stopActiveNotes(0);
+        manager.sendAllChannelsOff();
+        manager.sendBendersAtRest();
+        counted = counter.count();
+    }
+    // THEN nothing was allocated
+    EXPECT_EQ(counted, 0);
+    EXPECT_TRUE(manager.activeNotes.empty());
+}
+
 TEST(SendingAllocation, SendingOnTheJackBackEndAllocatesNothing)
 {
     // GIVEN a manager on the JACK back end, publishing on a private JACK server

@@ -510,3 +510,50 @@ TEST(MidiManagerLifetime, DestroyingTheManagerWithoutCleanupSendsAndDisposesNoth
     // THEN the back end saw no call: no note off, no disposal
     EXPECT_TRUE(recording.calls().empty());
 }
+
+TEST_F(MidiManagerTest, StoppingTheActiveNotesSendsTheirNoteOffsOnTheGivenChannelInAscendingOrder)
+{
+    // GIVEN notes 64 and 48 started on channel 0 and 60 on channel 3
+    manager->sendNoteOn(64, 100, 0);
+    manager->sendNoteOn(48, 90, 0);
+    manager->sendNoteOn(60, 80, 3);
+    backend->clear();
+    // WHEN the sounding notes are stopped on channel 5
+    manager->stopActiveNotes(5);
+    // THEN one note-off each, on channel 5, lowest first, and nothing counts as sounding
+    EXPECT_EQ(sent(), (std::vector<Bytes>{{0x85, 48, 0}, {0x85, 60, 0}, {0x85, 64, 0}}));
+    EXPECT_TRUE(manager->activeNotes.empty());
+    // AND a second stop sends nothing
+    backend->clear();
+    manager->stopActiveNotes(5);
+    EXPECT_TRUE(sent().empty());
+}
+
+TEST_F(MidiManagerTest, AllChannelsOffSendsSustainAllNotesOffAndAllSoundOffOnEachChannelInTurn)
+{
+    manager->sendAllChannelsOff();
+    std::vector<Bytes> expected;
+    for (std::uint8_t channel = 0; channel < 16; ++channel) {
+        const auto status = static_cast<std::uint8_t>(0xB0 | channel);
+        expected.push_back({status, 64, 0});
+        expected.push_back({status, 123, 0});
+        expected.push_back({status, 120, 0});
+    }
+    EXPECT_EQ(sent(), expected);
+}
+
+TEST_F(MidiManagerTest, BendersAtRestAreBendCentreThenModulationZeroOnChannelZero)
+{
+    manager->sendBendersAtRest();
+    EXPECT_EQ(sent(), (std::vector<Bytes>{{0xE0, 0x00, 0x40}, {0xB0, 0x01, 0x00}}));
+}
+
+TEST_F(MidiManagerTest, WithoutASourceThePanicMessagesSendNothing)
+{
+    make([](RecordingBackend& b) { b.failWith(Op::CreateSource, -4); });
+    manager->activeNotes.insert(60);
+    manager->stopActiveNotes(0);
+    manager->sendAllChannelsOff();
+    manager->sendBendersAtRest();
+    EXPECT_TRUE(sent().empty());
+}
