@@ -30,6 +30,7 @@ from desktop import Process  # noqa: E402
 
 RATE = 48000
 CLK_TCK = os.sysconf("SC_CLK_TCK")
+LOCK_WAIT = float(os.environ.get("PLINKORA_BENCH_LOCK_WAIT", "180"))
 
 
 # --- programs ---------------------------------------------------------------------------------
@@ -60,9 +61,21 @@ class BenchDesktop(A11yDesktop):
         super().__init__(with_jack=True)
 
     def _start_jack(self):
-        # One JACK user at a time on this machine (JACK 2 client sockets ignore the server name).
+        # One JACK user at a time on this machine (JACK 2 client sockets ignore the server name),
+        # but a benchmark does not wait for ever: after LOCK_WAIT seconds it goes ahead and says so.
         self._lock = open(os.environ.get("PLINKORA_JACK_TEST_LOCK", "/tmp/plinkora-jack-tests.lock"), "a")
-        fcntl.flock(self._lock, fcntl.LOCK_EX)
+        deadline = time.monotonic() + LOCK_WAIT
+        while True:
+            try:
+                fcntl.flock(self._lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+                break
+            except BlockingIOError:
+                if time.monotonic() > deadline:
+                    print(f"  the JACK lock {self._lock.name} stayed taken for {LOCK_WAIT} s: going ahead without "
+                          "it (another JACK client named PLK on this machine would disturb the run)",
+                          file=sys.stderr, flush=True)
+                    break
+                time.sleep(0.5)
         self._spawn("jackd", ["jackd", "--no-realtime", "-t", "5000", "-n", self.jack_name,
                               "-d", "dummy", "-r", str(RATE), "-p", str(self.period)])
         self.wait_until(lambda: subprocess.run(["jack_lsp"], env=self.env, capture_output=True).returncode == 0,
@@ -94,17 +107,22 @@ class BenchDesktop(A11yDesktop):
 # --- measuring --------------------------------------------------------------------------------
 
 def proc_counters(pid):
-    """(processor ticks, context switches of all live threads, RssAnon + RssFile in kB)."""
+    """(processor ticks, {thread id: (name, context switches)} of the live threads,
+    RssAnon + RssFile in kB)."""
     with open(f"/proc/{pid}/stat") as f:
         fields = f.read().rsplit(")", 1)[1].split()
     ticks = int(fields[11]) + int(fields[12])  # utime, stime (fields 14 and 15)
-    switches = 0
+    switches = {}
     for task in os.listdir(f"/proc/{pid}/task"):
         try:
+            with open(f"/proc/{pid}/task/{task}/comm") as f:
+                name = f.read().strip()
+            count = 0
             with open(f"/proc/{pid}/task/{task}/status") as f:
                 for line in f:
                     if line.startswith(("voluntary_ctxt_switches", "nonvoluntary_ctxt_switches")):
-                        switches += int(line.split()[1])
+                        count += int(line.split()[1])
+            switches[task] = (name + (" (main)" if task == str(pid) else ""), count)
         except OSError:
             pass
     rss = 0
@@ -205,8 +223,12 @@ def measure(desktop, program, args, work):
         time.sleep(args.idle)
         ticks1, switches1, rss = proc_counters(process.pid)
         seconds = time.monotonic() - t0
-        row.update(cpu=100.0 * (ticks1 - ticks0) / CLK_TCK / seconds, wakeups=(switches1 - switches0) / seconds,
-                   rss=rss / 1024.0)
+        threads = sorted(((name, (count - switches0.get(tid, (name, 0))[1]) / seconds)
+                          for tid, (name, count) in switches1.items()), key=lambda t: -t[1])
+        row.update(cpu=100.0 * (ticks1 - ticks0) / CLK_TCK / seconds, wakeups=sum(rate for _, rate in threads),
+                   threads=threads, rss=rss / 1024.0)
+        if program.orca:
+            row["orca_saw_it"] = "plinkora" in desktop.orca.log().lower()
     finally:
         desktop.forget(process)
     if not program.orca and args.launches > 0:
@@ -250,6 +272,7 @@ def fmt(value, digits=2):
 def figures(row):
     lat, clean = row["latencies"], row["clean"]
     return {
+        "mean": statistics.fmean(lat) if lat else None,
         "median": statistics.median(lat) if lat else None,
         "p90": percentile(lat, 90),
         "p99": percentile(lat, 99),
@@ -258,12 +281,12 @@ def figures(row):
 
 
 def print_table(rows):
-    print("| program | period | median ms | p90 ms | p99 ms | p99 no xrun ms (n) | missing / extra | xruns "
+    print("| program | period | mean ms | median ms | p90 ms | p99 ms | p99 no xrun ms (n) | missing / extra | xruns "
           "| idle CPU % | wake-ups/s | memory MB | start: port ms | start: window ms |")
-    print("|---|---|---|---|---|---|---|---|---|---|---|---|---|")
+    print("|---|---|---|---|---|---|---|---|---|---|---|---|---|---|")
     for row in rows:
         f = figures(row)
-        print(f"| {row['name']} | {row['period']} | {fmt(f['median'])} | {fmt(f['p90'])} | {fmt(f['p99'])} "
+        print(f"| {row['name']} | {row['period']} | {fmt(f['mean'])} | {fmt(f['median'])} | {fmt(f['p90'])} | {fmt(f['p99'])} "
               f"| {fmt(f['p99 no xrun'])} ({len(row['clean'])}) | {row['missing']} / {row['extra']} "
               f"| {row['xruns']} | {fmt(row['cpu'])} | {fmt(row['wakeups'], 1)} | {fmt(row['rss'], 1)} "
               f"| {fmt(row.get('port_ms'), 0)} | {fmt(row.get('window_ms'), 0)} |")
@@ -283,7 +306,7 @@ def print_differences(rows):
             theirs = by_name[other]
             a, b = figures(mine), figures(theirs)
             sign = -1 if other == "plinkora+orca" else 1
-            parts = [f"{k} {sign * (a[k] - b[k]):+.2f}" for k in ("median", "p90", "p99", "p99 no xrun")
+            parts = [f"{k} {sign * (a[k] - b[k]):+.2f}" for k in ("mean", "median", "p90", "p99", "p99 no xrun")
                      if a[k] is not None and b[k] is not None and a[k] == a[k] and b[k] == b[k]]
             parts.append(f"idle CPU {sign * (mine['cpu'] - theirs['cpu']):+.2f}")
             parts.append(f"wake-ups {sign * (mine['wakeups'] - theirs['wakeups']):+.1f}")
@@ -293,6 +316,17 @@ def print_differences(rows):
                     parts.append(f"{key[:-3]} {mine[key] - theirs[key]:+.0f}")
             label = "with Orca minus without" if other == "plinkora+orca" else f"vs {other}"
             print(f"  period {period}, {label}: " + ", ".join(parts))
+
+
+def print_threads(rows):
+    print()
+    print("Idle wake-ups per second by thread (context switches over the idle window):")
+    for row in rows:
+        busy = [f"{name} {rate:.1f}" for name, rate in row["threads"] if rate >= 0.05]
+        print(f"  {row['name']}, period {row['period']}: " + (", ".join(busy) or "none"))
+    for row in rows:
+        if "orca_saw_it" in row:
+            print(f"  Orca's log names Plinkora (period {row['period']}): {'yes' if row['orca_saw_it'] else 'NO'}")
 
 
 def main():
@@ -321,6 +355,7 @@ def main():
     print()
     print_table(rows)
     print_differences(rows)
+    print_threads(rows)
     print(f"\nload average at the end {' '.join(open('/proc/loadavg').read().split()[:3])}; logs in {work}")
 
 
