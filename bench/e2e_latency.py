@@ -12,6 +12,26 @@ server of the end-to-end tests' harness, tests/e2e/desktop.py):
 Each program gets the same fixed-seed key sequence through XTest (bench/xtest_typer), and
 bench/latency_receiver stamps what reaches its JACK input on the same clock. Then the program
 idles (CPU, wake-ups, memory), and is started 5 more times under bench/startup_probe.
+
+The figures:
+  latency     receiver's time of the MIDI event (clock at the top of its process callback plus
+              the event's frame offset) minus the typist's clock just before the XTest call, for
+              the measured events matched to their message; mean, median, p90, p99, and the p99
+              of the events with no xrun from two periods before the key to two periods after
+              the message. Key times are spread evenly over the JACK cycle, so the mean is the
+              program's own delay plus half a period: differences of means compare programs
+              below the period's granularity.
+  missing     measured key events without their message (a press: note on; a release: note off
+              or note on with velocity 0) before the next key event of the same kind
+  extra       messages that fit no key event, and messages other than notes
+  xruns       JACK xruns reported during the typing (jackd runs --no-realtime, as the tests do)
+  idle CPU    utime + stime from /proc/PID/stat over the idle window, % of one core
+  wake-ups/s  voluntary + involuntary context switches of the live threads over the idle window
+  memory      RssAnon + RssFile at the end of the idle window (VmRSS counts JACK's shared memory)
+  start       median over the launches of exec -> port registered and exec -> window mapped
+The JACK lock of the tests is taken for each period; when another user keeps it for more than
+$PLINKORA_BENCH_LOCK_WAIT seconds (default 180) the benchmark goes ahead and says so.
+Logs: $PLINKORA_BENCH_LOGS, else /tmp/plinkora-e2e-latency-PID.
 """
 
 import argparse
