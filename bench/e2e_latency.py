@@ -96,10 +96,15 @@ class BenchDesktop(A11yDesktop):
                           file=sys.stderr, flush=True)
                     break
                 time.sleep(0.5)
-        self._spawn("jackd", ["jackd", "--no-realtime", "-t", "5000", "-n", self.jack_name,
-                              "-d", "dummy", "-r", str(RATE), "-p", str(self.period)])
-        self.wait_until(lambda: subprocess.run(["jack_lsp"], env=self.env, capture_output=True).returncode == 0,
-                        what="the JACK server to answer")
+        jackd = self._spawn("jackd", ["jackd", "--no-realtime", "-t", "5000", "-n", self.jack_name,
+                                      "-d", "dummy", "-r", str(RATE), "-p", str(self.period)])
+        try:
+            self.wait_until(lambda: subprocess.run(["jack_lsp"], env=self.env, capture_output=True).returncode == 0,
+                            what="the JACK server to answer")
+        except AssertionError as error:
+            # "Too many servers already active": JACK 2's registry of servers (8 places) is full
+            # of servers that were killed; a place is freed when a server of the same name starts.
+            raise AssertionError(f"{error}; jackd said: {jackd.stderr_lines[-5:]}") from None
         argv = [os.path.join(self.build, "bin", "latency_receiver"), "--client", f"lrx{os.getpid()}"]
         for port in self.ports:
             argv += ["--connect", port]

@@ -244,14 +244,9 @@ int main(int argc, char** argv)
             connectSources(client, sources);
             nextCheck = now + std::chrono::milliseconds(200);
         }
-        timespec until{};
-        clock_gettime(CLOCK_REALTIME, &until);
-        until.tv_nsec += 50'000'000;
-        if (until.tv_nsec >= 1'000'000'000) {
-            until.tv_nsec -= 1'000'000'000;
-            ++until.tv_sec;
-        }
-        while (sem_timedwait(&g_wake, &until) != 0 && errno == EINTR && g_stop == 0) {
+        const std::int64_t wakeAt = nowNs() + 50'000'000; // at the latest, for the checks above
+        const timespec until{static_cast<time_t>(wakeAt / 1'000'000'000), static_cast<long>(wakeAt % 1'000'000'000)};
+        while (sem_clockwait(&g_wake, CLOCK_MONOTONIC, &until) != 0 && errno == EINTR && g_stop == 0) {
         }
     }
     jack_deactivate(client);
