@@ -22,6 +22,7 @@ tests=(
     dbus dbus-x11 at-spi2-core orca python3-pyatspi
     sox pulseaudio pulseaudio-utils speech-dispatcher-audio-plugins libao4
     x11-utils systemd util-linux procps
+    libx11-dev libxtst-dev x11-xserver-utils jack-keyboard
 )
 
 packages=("${build_and_run[@]}")
