@@ -6,6 +6,7 @@
 #include "common/diagnostics.h"
 #include "input/keyboard_monitor.h"
 #include "midi/midi_manager.h"
+#include "midi/recovering_backend.h"
 #include "properties/announcer.h"
 #include "properties/property_manager.h"
 #include "ui/keyboard_view.h"
@@ -84,8 +85,11 @@ void AppDelegate::publishMidiPort()
 {
     // The MIDI output first: the port "PLK" is published before anything can play. A failure
     // is reported by the MIDI output itself and does not stop the start-up.
-    if (!midiManager)
-        midiManager = std::make_unique<MIDIManager>(services_.makeMidiBackend());
+    if (midiManager)
+        return;
+    std::unique_ptr<RecoveringBackend> port = RecoveringBackend::around(services_.makeMidiBackend());
+    midiService_ = port.get();
+    midiManager = std::make_unique<MIDIManager>(std::move(port));
 }
 
 void AppDelegate::applicationDidFinishLaunching()
@@ -110,6 +114,9 @@ void AppDelegate::applicationDidFinishLaunching()
     keyboardMonitor = std::make_unique<KeyboardMonitor>(*midiManager, settings_, std::move(soundPlayer),
                                                         std::move(announcer));
     keyboardMonitor->keyWindow = &applicationKeyWindow;
+    midiService_->watch([manager = keyboardMonitor->propertyManager.get()](std::string_view text) {
+        manager->announce(QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size())));
+    });
 
     keyEventFilter_ = std::make_unique<KeyEventFilter>(*keyboardMonitor);
     keyEventFilter_->install();

@@ -36,6 +36,10 @@ public:
     /// PLK is not published.
     virtual std::vector<MidiDestination> connections() = 0;
 
+    /// True when PLK is published on the service now, so that connections() is all it is
+    /// connected to (and not empty only because PLK or the service is not there).
+    virtual bool sourcePublished() { return true; }
+
     /// Connects PLK to `destination`. True when connected afterwards (also when it already
     /// was); false when there is no such destination or the service refused.
     virtual bool connect(const MidiDestination& destination) = 0;

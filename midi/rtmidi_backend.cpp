@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -60,6 +61,15 @@ struct RtMidiBackend::State
     bool sourceOpen = false;
     int reports = 0; // problems RtMidi reported since the counter was last reset
     std::string lastReport;
+    std::mutex lostMutex;
+    std::function<void()> lost; // under lostMutex; called on the service's thread
+
+    void serviceLost()
+    {
+        const std::lock_guard lock(lostMutex);
+        if (lost)
+            lost();
+    }
 
     static void onReport(RtMidiError::Type type, const std::string& text, void* self)
     {
@@ -132,6 +142,7 @@ MidiStatus RtMidiBackend::createClient(std::string_view name, std::uint32_t& cli
             if (!s.jackWatch)
                 return status;
         }
+        s.jackWatch->setGoneListener([&s] { s.serviceLost(); });
     }
 
     try {
@@ -148,6 +159,12 @@ MidiStatus RtMidiBackend::createClient(std::string_view name, std::uint32_t& cli
     s.out->setErrorCallback(&State::onReport, &s);
     client = kClientReference;
     return kStatusOk;
+}
+
+void RtMidiBackend::setServiceLostListener(std::function<void()> lost)
+{
+    const std::lock_guard lock(state_->lostMutex);
+    state_->lost = std::move(lost);
 }
 
 MidiStatus RtMidiBackend::createSource(std::uint32_t client, std::string_view name, std::uint32_t& source)
