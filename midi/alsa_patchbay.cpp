@@ -1,11 +1,9 @@
 #include "midi/alsa_patchbay.h"
 
-#include "midi/midi_service_probe.h"
+#include "midi/alsa_announcements.h"
 
 #include <alsa/asoundlib.h>
 
-#include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,8 +15,6 @@ namespace plinkora {
 namespace {
 constexpr const char* kClientName = "PLK-patchbay";
 constexpr unsigned kDestinationCaps = SND_SEQ_PORT_CAP_WRITE | SND_SEQ_PORT_CAP_SUBS_WRITE;
-
-void dropAlsaMessage(const char*, int, const char*, int, const char*, ...) {}
 
 // alsa-lib's small records, on the stack with their own lifetime.
 struct ClientInfo
@@ -69,101 +65,50 @@ AlsaPatchbay::AlsaPatchbay(std::string sourceClient, std::string sourcePort)
     : sourceClient_(std::move(sourceClient))
     , sourcePort_(std::move(sourcePort))
 {
-    if (open())
-        listener_ = std::thread([this] { listen(); });
+    open();
+}
+
+void AlsaPatchbay::open()
+{
+    AlsaAnnouncements::Listener listener;
+    listener.announced = [this](const snd_seq_event_t& event) {
+        switch (event.type) {
+        case SND_SEQ_EVENT_CLIENT_START:
+        case SND_SEQ_EVENT_CLIENT_EXIT:
+        case SND_SEQ_EVENT_CLIENT_CHANGE:
+        case SND_SEQ_EVENT_PORT_START:
+        case SND_SEQ_EVENT_PORT_EXIT:
+        case SND_SEQ_EVENT_PORT_CHANGE:
+        case SND_SEQ_EVENT_PORT_SUBSCRIBED:
+        case SND_SEQ_EVENT_PORT_UNSUBSCRIBED:
+            notify();
+            break;
+        default:
+            break;
+        }
+    };
+    listener.lost = [this] {
+        lost_.store(true, std::memory_order_release);
+        notify();
+    };
+    client_ = AlsaAnnouncements::open(kClientName, std::move(listener));
+}
+
+bool AlsaPatchbay::ensureClient()
+{
+    if (client_ && !lost_.load(std::memory_order_acquire))
+        return true;
+    client_.reset();
+    lost_.store(false, std::memory_order_release);
+    open();
+    if (client_)
+        notify(); // the sequencer is back
+    return client_ != nullptr;
 }
 
 AlsaPatchbay::~AlsaPatchbay()
 {
-    if (listener_.joinable()) {
-        const char stop = 's';
-        [[maybe_unused]] const ssize_t written = ::write(wakeFds_[1], &stop, 1);
-        listener_.join();
-    }
-    for (const int fd : wakeFds_)
-        if (fd >= 0)
-            ::close(fd);
-    if (seq_ != nullptr)
-        snd_seq_close(seq_);
-}
-
-bool AlsaPatchbay::open()
-{
-    if (!alsaSequencerAvailable())
-        return false;
-    const snd_lib_error_handler_t previous = snd_lib_error;
-    snd_lib_error_set_handler(dropAlsaMessage);
-    const int opened = snd_seq_open(&seq_, "default", SND_SEQ_OPEN_DUPLEX, SND_SEQ_NONBLOCK);
-    snd_lib_error_set_handler(previous);
-    if (opened < 0) {
-        seq_ = nullptr;
-        return false;
-    }
-    snd_seq_set_client_name(seq_, kClientName);
-    // Writable so that the announcements reach it, but not for subscribers: no patchbay offers
-    // it as a MIDI input.
-    const int port = snd_seq_create_simple_port(seq_, kClientName, SND_SEQ_PORT_CAP_WRITE | SND_SEQ_PORT_CAP_NO_EXPORT,
-                                                SND_SEQ_PORT_TYPE_APPLICATION);
-    if (port < 0 || snd_seq_connect_from(seq_, port, SND_SEQ_CLIENT_SYSTEM, SND_SEQ_PORT_SYSTEM_ANNOUNCE) < 0
-        || pipe2(wakeFds_, O_CLOEXEC) != 0) {
-        snd_seq_close(seq_);
-        seq_ = nullptr;
-        return false;
-    }
-    return true;
-}
-
-void AlsaPatchbay::listen()
-{
-    std::vector<pollfd> fds(1);
-    fds[0] = {wakeFds_[0], POLLIN, 0};
-    {
-        const std::lock_guard lock(seqMutex_);
-        const int count = snd_seq_poll_descriptors_count(seq_, POLLIN);
-        fds.resize(1 + static_cast<std::size_t>(std::max(count, 0)));
-        snd_seq_poll_descriptors(seq_, fds.data() + 1, static_cast<unsigned>(fds.size() - 1), POLLIN);
-    }
-    for (;;) {
-        if (::poll(fds.data(), fds.size(), -1) < 0 && errno != EINTR)
-            return;
-        if ((fds[0].revents & POLLIN) != 0)
-            return; // the patchbay goes
-        bool changed = false;
-        bool lost = false;
-        {
-            const std::lock_guard lock(seqMutex_);
-            for (;;) {
-                snd_seq_event_t* event = nullptr;
-                const int result = snd_seq_event_input(seq_, &event);
-                if (result == -EAGAIN)
-                    break;
-                if (result < 0 && result != -ENOSPC) {
-                    lost = true;
-                    break;
-                }
-                if (event == nullptr)
-                    continue;
-                switch (event->type) {
-                case SND_SEQ_EVENT_CLIENT_START:
-                case SND_SEQ_EVENT_CLIENT_EXIT:
-                case SND_SEQ_EVENT_CLIENT_CHANGE:
-                case SND_SEQ_EVENT_PORT_START:
-                case SND_SEQ_EVENT_PORT_EXIT:
-                case SND_SEQ_EVENT_PORT_CHANGE:
-                case SND_SEQ_EVENT_PORT_SUBSCRIBED:
-                case SND_SEQ_EVENT_PORT_UNSUBSCRIBED:
-                    changed = true;
-                    break;
-                default:
-                    break;
-                }
-            }
-        }
-        if (changed || lost)
-            notify();
-        if (lost)
-            return; // the sequencer is gone under the handle
-    }
+    client_.reset(); // no more calls from its thread
 }
 
 void AlsaPatchbay::notify()
@@ -179,12 +124,12 @@ void AlsaPatchbay::setChangeCallback(std::function<void()> changed)
     changed_ = std::move(changed);
 }
 
-bool AlsaPatchbay::findSource(Address& source)
+bool AlsaPatchbay::findSource(snd_seq_t* seq, Address& source)
 {
     bool found = false;
     bool own = false; // another program's PLK counts only when this process has none
     const pid_t self = getpid();
-    forEachPort(seq_, [&](snd_seq_client_info_t* client, const snd_seq_port_info_t* port) {
+    forEachPort(seq, [&](snd_seq_client_info_t* client, const snd_seq_port_info_t* port) {
         if (sourceClient_ != snd_seq_client_info_get_name(client) || sourcePort_ != snd_seq_port_info_get_name(port))
             return;
         const bool ours = snd_seq_client_info_get_pid(client) == self;
@@ -197,10 +142,10 @@ bool AlsaPatchbay::findSource(Address& source)
     return found;
 }
 
-bool AlsaPatchbay::findDestination(const MidiDestination& destination, Address& found)
+bool AlsaPatchbay::findDestination(snd_seq_t* seq, const MidiDestination& destination, Address& found)
 {
     bool any = false;
-    forEachPort(seq_, [&](snd_seq_client_info_t* client, const snd_seq_port_info_t* port) {
+    forEachPort(seq, [&](snd_seq_client_info_t* client, const snd_seq_port_info_t* port) {
         if (any || (snd_seq_port_info_get_capability(port) & kDestinationCaps) != kDestinationCaps)
             return;
         if (destination.client == snd_seq_client_info_get_name(client)
@@ -210,54 +155,6 @@ bool AlsaPatchbay::findDestination(const MidiDestination& destination, Address& 
         }
     });
     return any;
-}
-
-std::vector<MidiDestination> AlsaPatchbay::destinations()
-{
-    std::vector<MidiDestination> list;
-    if (seq_ == nullptr)
-        return list;
-    const std::lock_guard lock(seqMutex_);
-    forEachPort(seq_, [&](snd_seq_client_info_t* client, const snd_seq_port_info_t* port) {
-        if ((snd_seq_port_info_get_capability(port) & kDestinationCaps) != kDestinationCaps
-            || (snd_seq_port_info_get_capability(port) & SND_SEQ_PORT_CAP_NO_EXPORT) != 0)
-            return;
-        const std::string clientName = snd_seq_client_info_get_name(client);
-        if (clientName == sourceClient_ && snd_seq_client_info_get_pid(client) == getpid())
-            return; // Plinkora's own
-        list.push_back({clientName, snd_seq_port_info_get_name(port)});
-    });
-    sortDestinations(list);
-    return list;
-}
-
-std::vector<MidiDestination> AlsaPatchbay::connections()
-{
-    std::vector<MidiDestination> list;
-    if (seq_ == nullptr)
-        return list;
-    const std::lock_guard lock(seqMutex_);
-    Address source;
-    if (!findSource(source))
-        return list;
-    snd_seq_query_subscribe_t* query = nullptr;
-    snd_seq_query_subscribe_malloc(&query);
-    snd_seq_addr_t root{static_cast<unsigned char>(source.client), static_cast<unsigned char>(source.port)};
-    snd_seq_query_subscribe_set_root(query, &root);
-    snd_seq_query_subscribe_set_type(query, SND_SEQ_QUERY_SUBS_READ);
-    snd_seq_query_subscribe_set_index(query, 0);
-    const ClientInfo client;
-    const PortInfo port;
-    while (snd_seq_query_port_subscribers(seq_, query) >= 0) {
-        const snd_seq_addr_t* reader = snd_seq_query_subscribe_get_addr(query);
-        if (snd_seq_get_any_client_info(seq_, reader->client, client.info) >= 0
-            && snd_seq_get_any_port_info(seq_, reader->client, reader->port, port.info) >= 0)
-            list.push_back({snd_seq_client_info_get_name(client.info), snd_seq_port_info_get_name(port.info)});
-        snd_seq_query_subscribe_set_index(query, snd_seq_query_subscribe_get_index(query) + 1);
-    }
-    snd_seq_query_subscribe_free(query);
-    sortDestinations(list);
-    return list;
 }
 
 namespace {
@@ -279,42 +176,95 @@ struct Subscription
 };
 } // namespace
 
+std::vector<MidiDestination> AlsaPatchbay::destinations()
+{
+    std::vector<MidiDestination> list;
+    if (!ensureClient())
+        return list;
+    client_->withSequencer([&](snd_seq_t* seq) {
+        forEachPort(seq, [&](snd_seq_client_info_t* client, const snd_seq_port_info_t* port) {
+            const unsigned caps = snd_seq_port_info_get_capability(port);
+            if ((caps & kDestinationCaps) != kDestinationCaps || (caps & SND_SEQ_PORT_CAP_NO_EXPORT) != 0)
+                return;
+            const std::string clientName = snd_seq_client_info_get_name(client);
+            if (clientName == sourceClient_ && snd_seq_client_info_get_pid(client) == getpid())
+                return; // Plinkora's own
+            list.push_back({clientName, snd_seq_port_info_get_name(port)});
+        });
+    });
+    sortDestinations(list);
+    return list;
+}
+
+std::vector<MidiDestination> AlsaPatchbay::connections()
+{
+    std::vector<MidiDestination> list;
+    if (!ensureClient())
+        return list;
+    client_->withSequencer([&](snd_seq_t* seq) {
+        Address source;
+        if (!findSource(seq, source))
+            return;
+        snd_seq_query_subscribe_t* query = nullptr;
+        snd_seq_query_subscribe_malloc(&query);
+        const snd_seq_addr_t root{static_cast<unsigned char>(source.client), static_cast<unsigned char>(source.port)};
+        snd_seq_query_subscribe_set_root(query, &root);
+        snd_seq_query_subscribe_set_type(query, SND_SEQ_QUERY_SUBS_READ);
+        snd_seq_query_subscribe_set_index(query, 0);
+        const ClientInfo client;
+        const PortInfo port;
+        while (snd_seq_query_port_subscribers(seq, query) >= 0) {
+            const snd_seq_addr_t* reader = snd_seq_query_subscribe_get_addr(query);
+            if (snd_seq_get_any_client_info(seq, reader->client, client.info) >= 0
+                && snd_seq_get_any_port_info(seq, reader->client, reader->port, port.info) >= 0)
+                list.push_back({snd_seq_client_info_get_name(client.info), snd_seq_port_info_get_name(port.info)});
+            snd_seq_query_subscribe_set_index(query, snd_seq_query_subscribe_get_index(query) + 1);
+        }
+        snd_seq_query_subscribe_free(query);
+    });
+    sortDestinations(list);
+    return list;
+}
+
 bool AlsaPatchbay::sourcePublished()
 {
-    if (seq_ == nullptr)
+    if (!ensureClient())
         return false;
-    const std::lock_guard lock(seqMutex_);
-    Address source;
-    return findSource(source);
+    return client_->withSequencer([&](snd_seq_t* seq) {
+        Address source;
+        return findSource(seq, source);
+    });
 }
 
 bool AlsaPatchbay::connect(const MidiDestination& destination)
 {
-    if (seq_ == nullptr)
+    if (!ensureClient())
         return false;
-    const std::lock_guard lock(seqMutex_);
-    Address source;
-    Address dest;
-    if (!findSource(source) || !findDestination(destination, dest))
-        return false;
-    const Subscription subscription(source.client, source.port, dest.client, dest.port);
-    const int result = snd_seq_subscribe_port(seq_, subscription.subscription);
-    return result >= 0 || result == -EBUSY; // -EBUSY: connected already
+    return client_->withSequencer([&](snd_seq_t* seq) {
+        Address source;
+        Address dest;
+        if (!findSource(seq, source) || !findDestination(seq, destination, dest))
+            return false;
+        const Subscription subscription(source.client, source.port, dest.client, dest.port);
+        const int result = snd_seq_subscribe_port(seq, subscription.subscription);
+        return result >= 0 || result == -EBUSY; // -EBUSY: connected already
+    });
 }
 
 bool AlsaPatchbay::disconnect(const MidiDestination& destination)
 {
-    if (seq_ == nullptr)
+    if (!ensureClient())
         return true;
-    const std::lock_guard lock(seqMutex_);
-    Address source;
-    Address dest;
-    if (!findSource(source) || !findDestination(destination, dest))
-        return true;
-    const Subscription subscription(source.client, source.port, dest.client, dest.port);
-    if (snd_seq_get_port_subscription(seq_, subscription.subscription) < 0)
-        return true; // not connected
-    return snd_seq_unsubscribe_port(seq_, subscription.subscription) >= 0;
+    return client_->withSequencer([&](snd_seq_t* seq) {
+        Address source;
+        Address dest;
+        if (!findSource(seq, source) || !findDestination(seq, destination, dest))
+            return true;
+        const Subscription subscription(source.client, source.port, dest.client, dest.port);
+        if (snd_seq_get_port_subscription(seq, subscription.subscription) < 0)
+            return true; // not connected
+        return snd_seq_unsubscribe_port(seq, subscription.subscription) >= 0;
+    });
 }
 
 } // namespace plinkora

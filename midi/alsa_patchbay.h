@@ -3,18 +3,20 @@
 #include "midi/midi_patchbay.h"
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 
 struct _snd_seq; // snd_seq_t
 
 namespace plinkora {
 
+class AlsaAnnouncements;
+
 /// The connections of PLK on the ALSA sequencer, through a sequencer client of its own,
-/// "PLK-patchbay", with one port that only hears the system's announcements (it cannot be
-/// subscribed to by others, so no patchbay lists it as an input). A thread waits for the
-/// announcements and calls the change callback. Linux only.
+/// "PLK-patchbay" (AlsaAnnouncements), whose thread hears the system's announcements and calls
+/// the change callback. After the sequencer failed under it, the next call opens it again.
+/// Linux only.
 class AlsaPatchbay final : public MidiPatchbay
 {
 public:
@@ -40,18 +42,16 @@ private:
         int client = -1;
         int port = -1;
     };
-    bool open();
-    void listen();
+    void open();
+    bool ensureClient();
     void notify();
-    bool findSource(Address& source);
-    bool findDestination(const MidiDestination& destination, Address& found);
+    bool findSource(_snd_seq* seq, Address& source);
+    bool findDestination(_snd_seq* seq, const MidiDestination& destination, Address& found);
 
     std::string sourceClient_;
     std::string sourcePort_;
-    _snd_seq* seq_ = nullptr;
-    std::mutex seqMutex_; // the sequencer handle is used by the main thread and the listener
-    int wakeFds_[2] = {-1, -1};
-    std::thread listener_;
+    std::unique_ptr<AlsaAnnouncements> client_; // null without a sequencer
+    std::atomic<bool> lost_{false};              // the sequencer failed under client_
     std::mutex changedMutex_;
     std::function<void()> changed_; // under changedMutex_
 };

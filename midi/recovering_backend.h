@@ -89,6 +89,7 @@ private:
     void retry();
     void connectionsChanged();
     void connectPending();
+    void letGoOfTheDeadService();
     void tell(std::string_view line, std::string_view announcement);
 
     std::unique_ptr<MidiBackend> port_;
