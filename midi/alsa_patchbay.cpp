@@ -52,13 +52,6 @@ template <typename F> void forEachPort(snd_seq_t* seq, F&& f)
             f(client.info, port.info);
     }
 }
-
-void sortDestinations(std::vector<MidiDestination>& list)
-{
-    std::sort(list.begin(), list.end(), [](const MidiDestination& a, const MidiDestination& b) {
-        return a.client != b.client ? a.client < b.client : a.port < b.port;
-    });
-}
 } // namespace
 
 AlsaPatchbay::AlsaPatchbay(std::string sourceClient, std::string sourcePort)
@@ -192,7 +185,7 @@ std::vector<MidiDestination> AlsaPatchbay::destinations()
             list.push_back({clientName, snd_seq_port_info_get_name(port)});
         });
     });
-    sortDestinations(list);
+    std::sort(list.begin(), list.end());
     return list;
 }
 
@@ -222,7 +215,7 @@ std::vector<MidiDestination> AlsaPatchbay::connections()
         }
         snd_seq_query_subscribe_free(query);
     });
-    sortDestinations(list);
+    std::sort(list.begin(), list.end());
     return list;
 }
 

@@ -36,13 +36,6 @@ public:
 private:
     const char** names_;
 };
-
-void sortDestinations(std::vector<MidiDestination>& list)
-{
-    std::sort(list.begin(), list.end(), [](const MidiDestination& a, const MidiDestination& b) {
-        return a.client != b.client ? a.client < b.client : a.port < b.port;
-    });
-}
 } // namespace
 
 JackPatchbay::JackPatchbay(std::string source)
@@ -142,7 +135,7 @@ std::vector<MidiDestination> JackPatchbay::destinations()
         if (destination.client != ownClient_)
             list.push_back(std::move(destination));
     });
-    sortDestinations(list);
+    std::sort(list.begin(), list.end());
     return list;
 }
 
@@ -156,7 +149,7 @@ std::vector<MidiDestination> JackPatchbay::connections()
         return list;
     const PortList connected(jack_port_get_all_connections(client_, port));
     connected.forEach([&](const char* name) { list.push_back(destinationOf(name)); });
-    sortDestinations(list);
+    std::sort(list.begin(), list.end());
     return list;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <compare>
 #include <functional>
 #include <string>
 #include <vector>
@@ -17,6 +18,8 @@ struct MidiDestination
     /// "client:port", the form shown, announced, remembered and given to --connect.
     std::string name() const { return client + ':' + port; }
     bool operator==(const MidiDestination&) const = default;
+    /// By client, then port: the order of the lists.
+    auto operator<=>(const MidiDestination&) const = default;
 };
 
 /// The connections of the port PLK on the MIDI service it is published on: lists the MIDI

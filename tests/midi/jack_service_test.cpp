@@ -7,9 +7,8 @@
 #include "midi/midi_manager.h"
 #include "midi/recovering_backend.h"
 #include "support/child_process.h"
+#include "support/event_loop.h"
 #include "support/jack_server.h"
-
-#include <QCoreApplication>
 
 #include <gtest/gtest.h>
 
@@ -40,14 +39,7 @@ constexpr auto kTimeout = 20s;
 
 template <typename Condition> bool waitUntil(Condition condition, std::chrono::milliseconds timeout = kTimeout)
 {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        std::this_thread::sleep_for(2ms);
-    }
-    return true;
+    return plinkora::testing::waitUntil(condition, timeout);
 }
 
 bool contains(const std::vector<MidiDestination>& list, const MidiDestination& item)

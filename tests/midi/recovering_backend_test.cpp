@@ -6,8 +6,8 @@
 #include "midi/null_patchbay.h"
 #include "midi/recording_backend.h"
 #include "midi/recovering_backend.h"
+#include "support/event_loop.h"
 
-#include <QCoreApplication>
 #include <QElapsedTimer>
 
 #include <gtest/gtest.h>
@@ -148,20 +148,7 @@ const MidiDestination kSampler{"Sampler", "midi_in"};
 
 template <typename Condition> bool waitUntil(Condition condition, std::chrono::milliseconds timeout = kTimeout)
 {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
-
-/// Runs the event loop for `time`.
-void runFor(std::chrono::milliseconds time)
-{
-    waitUntil([] { return false; }, time);
+    return plinkora::testing::waitUntil(condition, timeout);
 }
 
 class RecoveringBackendTest : public ::testing::Test
@@ -311,7 +298,7 @@ TEST_F(RecoveringBackendTest, ADestinationNotBackYetIsConnectedWhenItAppears)
     EXPECT_EQ(patchbay->connected, std::vector{kSynth});
     // WHEN an unrelated change comes, and then the sampler appears
     patchbay->changed();
-    runFor(50ms);
+    plinkora::testing::runEventLoopFor(50ms);
     EXPECT_EQ(patchbay->connected, std::vector{kSynth});
     patchbay->present.push_back(kSampler);
     patchbay->changed();
@@ -346,7 +333,7 @@ TEST_F(RecoveringBackendTest, AChangeNoticeOfTheDyingServiceDoesNotForgetTheConn
     service->running = false;
     service->published = false;
     patchbay->changed();
-    runFor(50ms);
+    plinkora::testing::runEventLoopFor(50ms);
     service->stop();
     ASSERT_TRUE(waitUntil([&] { return announced.size() == 1; }));
     // THEN the synth is still remembered and connected again on the return
@@ -379,7 +366,7 @@ TEST_F(RecoveringBackendTest, CleanupWhileLostSendsNothingDisposesNothingAndStop
     ::testing::internal::CaptureStdout();
     manager->cleanup();
     service->running = true;
-    runFor(RecoveringBackend::kRetryInterval + 500ms);
+    plinkora::testing::runEventLoopFor(RecoveringBackend::kRetryInterval + 500ms);
     const std::string printed = ::testing::internal::GetCapturedStdout();
     // THEN nothing was printed, sent or disposed again, and PLK was not made again
     EXPECT_EQ(printed, "");
