@@ -58,7 +58,6 @@ AlsaPatchbay::AlsaPatchbay(std::string sourceClient, std::string sourcePort)
     : sourceClient_(std::move(sourceClient))
     , sourcePort_(std::move(sourcePort))
 {
-    open();
 }
 
 void AlsaPatchbay::open()
@@ -91,12 +90,17 @@ bool AlsaPatchbay::ensureClient()
 {
     if (client_ && !lost_.load(std::memory_order_acquire))
         return true;
+    const bool reopening = client_ != nullptr || wasLost_;
     client_.reset();
+    wasLost_ = reopening;
     lost_.store(false, std::memory_order_release);
     open();
-    if (client_)
+    if (!client_)
+        return false;
+    if (reopening)
         notify(); // the sequencer is back
-    return client_ != nullptr;
+    wasLost_ = false;
+    return true;
 }
 
 AlsaPatchbay::~AlsaPatchbay()
@@ -113,8 +117,13 @@ void AlsaPatchbay::notify()
 
 void AlsaPatchbay::setChangeCallback(std::function<void()> changed)
 {
-    const std::lock_guard lock(changedMutex_);
-    changed_ = std::move(changed);
+    {
+        const std::lock_guard lock(changedMutex_);
+        changed_ = std::move(changed);
+        if (!changed_)
+            return;
+    }
+    ensureClient(); // only an open client hears of changes
 }
 
 bool AlsaPatchbay::findSource(snd_seq_t* seq, Address& source)

@@ -15,7 +15,8 @@ class AlsaAnnouncements;
 
 /// The connections of PLK on the ALSA sequencer, through a sequencer client of its own,
 /// "PLK-patchbay" (AlsaAnnouncements), whose thread hears the system's announcements and calls
-/// the change callback. After the sequencer failed under it, the next call opens it again.
+/// the change callback. The client is opened by the first call, and again by the first call
+/// after the sequencer failed under it.
 /// Linux only.
 class AlsaPatchbay final : public MidiPatchbay
 {
@@ -52,6 +53,7 @@ private:
     std::string sourcePort_;
     std::unique_ptr<AlsaAnnouncements> client_; // null without a sequencer
     std::atomic<bool> lost_{false};              // the sequencer failed under client_
+    bool wasLost_ = false;                       // a client was lost and none opened since
     std::mutex changedMutex_;
     std::function<void()> changed_; // under changedMutex_
 };

@@ -108,8 +108,10 @@ void JackPatchbay::setChangeCallback(std::function<void()> changed)
     {
         const std::lock_guard lock(changedMutex_);
         changed_ = std::move(changed);
+        if (!changed_)
+            return;
     }
-    ensureClient();
+    ensureClient(); // only an open client hears of changes
 }
 
 MidiDestination JackPatchbay::destinationOf(const char* fullName) const

@@ -117,10 +117,18 @@ void RecoveringBackend::watch(std::function<void(std::string_view)> announce)
     if (watching_)
         return;
     watching_ = true;
-    // Any thread; the work is done on the main thread.
-    patchbay_->setChangeCallback(
-        [this] { QMetaObject::invokeMethod(&context_, [this] { connectionsChanged(); }, Qt::QueuedConnection); });
-    connectionsChanged();
+    // On the first turn of the event loop: opening the patchbay's client costs the start-up
+    // nothing then.
+    QMetaObject::invokeMethod(
+        &context_,
+        [this] {
+            // Called on any thread; the work is done on the main thread.
+            patchbay_->setChangeCallback([this] {
+                QMetaObject::invokeMethod(&context_, [this] { connectionsChanged(); }, Qt::QueuedConnection);
+            });
+            connectionsChanged();
+        },
+        Qt::QueuedConnection);
 }
 
 void RecoveringBackend::serviceLostNotice()

@@ -49,9 +49,9 @@ public:
     void disposeSource(std::uint32_t source) override;
     void disposeClient(std::uint32_t client) override;
 
-    /// Starts following PLK's connections, to restore them after a loss, and sets what speaks
-    /// the two announcements (may be empty). Call when the event loop runs or is about to (the
-    /// start-up publishes the port before it), once the announcer exists.
+    /// Sets what speaks the two announcements (may be empty), and from the next turn of the
+    /// event loop on follows PLK's connections, to restore them after a loss. Call once the
+    /// announcer exists.
     void watch(std::function<void(std::string_view text)> announce);
 
     /// The patchbay of the service, for the connections of PLK shown to the user. Its change
