@@ -57,7 +57,10 @@ bool JackPatchbay::ensureClient()
 {
     if (client_ != nullptr && !serverGone_.load(std::memory_order_acquire))
         return true;
-    closeClient();
+    if (client_ != nullptr)
+        serviceLost(); // its own notice came first
+    if (waitingForService_)
+        return false;
     forbidJackServerStart();
     const QuietJackMessages quiet;
     jack_status_t status{};
@@ -78,10 +81,27 @@ bool JackPatchbay::ensureClient()
         return false;
     }
     client_ = client;
-    if (wasGone_)
+    if (reopened_)
         notify(); // the server's ports are there again
-    wasGone_ = false;
+    reopened_ = false;
     return true;
+}
+
+void JackPatchbay::serviceLost()
+{
+    waitingForService_ = true;
+    if (client_ == nullptr)
+        return;
+    // Closing a client of a dead server is safe (opening one is not, see the interface).
+    const QuietJackMessages quiet;
+    jack_client_close(client_);
+    client_ = nullptr;
+    reopened_ = true;
+}
+
+void JackPatchbay::serviceBack()
+{
+    waitingForService_ = false;
 }
 
 void JackPatchbay::closeClient()
@@ -93,7 +113,6 @@ void JackPatchbay::closeClient()
         jack_deactivate(client_);
     jack_client_close(client_);
     client_ = nullptr;
-    wasGone_ = true;
 }
 
 void JackPatchbay::notify()

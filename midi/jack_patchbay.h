@@ -13,8 +13,8 @@ namespace plinkora {
 /// The connections of PLK on the JACK server ($JACK_DEFAULT_SERVER, else the default), through
 /// a client of its own, "PLK-patchbay", that has no ports (patchbays do not show it). The
 /// client is opened by the first call (not when the patchbay is made, which costs the start-up
-/// nothing) and again on the first call after the server was gone and is back; it never
-/// starts a server and prints nothing.
+/// nothing). When the server goes the client is closed, and opened again only after
+/// serviceBack(). It never starts a server and prints nothing.
 class JackPatchbay final : public MidiPatchbay
 {
 public:
@@ -29,9 +29,11 @@ public:
     bool sourcePublished() override;
     bool connect(const MidiDestination& destination) override;
     bool disconnect(const MidiDestination& destination) override;
+    void serviceLost() override;
+    void serviceBack() override;
     /// Called on JACK's notification thread for ports registered, unregistered or renamed,
     /// connections made or broken, and the server's shut-down; on the calling thread when the
-    /// client was opened again after the server came back.
+    /// client was opened again after serviceBack().
     void setChangeCallback(std::function<void()> changed) override;
 
 private:
@@ -49,7 +51,8 @@ private:
     std::string ownClient_; // the client part of source_: its ports are not destinations
     _jack_client* client_ = nullptr;
     std::atomic<bool> serverGone_{false};
-    bool wasGone_ = false; // a client was closed since the last one opened
+    bool waitingForService_ = false; // the server went; no client until serviceBack()
+    bool reopened_ = false;          // the next client opened replaces one of a dead server
     std::mutex changedMutex_;
     std::function<void()> changed_; // under changedMutex_
 };

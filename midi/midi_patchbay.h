@@ -50,6 +50,14 @@ public:
     /// Disconnects PLK from `destination`. True when not connected afterwards.
     virtual bool disconnect(const MidiDestination& destination) = 0;
 
+    /// The MIDI service went away under PLK (its back end said so). The patchbay lets go of
+    /// everything it holds of the dead service now and reaches for the service again only after
+    /// serviceBack(); until then it lists nothing. (libjack frees every client of a process when
+    /// one is opened while clients of a dead server are still open.)
+    virtual void serviceLost() {}
+    /// PLK is published again on the service.
+    virtual void serviceBack() {}
+
     /// `changed` is called when a destination appears or goes, or a connection of PLK is made
     /// or broken, by anyone. It may be called on any thread (the service's own); the receiver
     /// hops to the main thread. Setting it again replaces it; an empty function stops the calls.

@@ -148,7 +148,7 @@ void RecoveringBackend::handleLoss()
     port_->disposeClient(portClient_);
     portSource_ = 0;
     portClient_ = 0;
-    letGoOfTheDeadService();
+    patchbay_->serviceLost();
     retryTimer_.start();
 }
 
@@ -169,6 +169,7 @@ void RecoveringBackend::retry()
     portSource_ = source;
     lossHandled_ = false;
     lost_.store(false, std::memory_order_release);
+    patchbay_->serviceBack();
     pending_ = remembered_;
     connectPending();
     tell("MIDI output back: ", "MIDI output back");
@@ -186,18 +187,8 @@ void RecoveringBackend::connectPending()
     });
 }
 
-void RecoveringBackend::letGoOfTheDeadService()
-{
-    // A patchbay that has heard of the loss closes its client of the dead service when asked
-    // anything. It must before new clients are made: libjack keeps one view of the server for
-    // all the clients of a process, and a client of the dead server left open keeps the old one.
-    (void)patchbay_->sourcePublished();
-}
-
 void RecoveringBackend::connectionsChanged()
 {
-    if (lost_.load(std::memory_order_acquire))
-        letGoOfTheDeadService();
     if (!lost_.load(std::memory_order_acquire) && !disposed_ && published_ && patchbay_->sourcePublished()) {
         connectPending();
         std::vector<MidiDestination> now = patchbay_->connections();

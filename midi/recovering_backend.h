@@ -73,6 +73,9 @@ private:
         std::vector<MidiDestination> destinations() override { return owner_.patchbay_->destinations(); }
         std::vector<MidiDestination> connections() override { return owner_.patchbay_->connections(); }
         bool sourcePublished() override { return owner_.patchbay_->sourcePublished(); }
+        // The loss and the return are the recovering back end's to tell.
+        void serviceLost() override {}
+        void serviceBack() override {}
         bool connect(const MidiDestination& destination) override { return owner_.patchbay_->connect(destination); }
         bool disconnect(const MidiDestination& destination) override
         {
@@ -89,7 +92,6 @@ private:
     void retry();
     void connectionsChanged();
     void connectPending();
-    void letGoOfTheDeadService();
     void tell(std::string_view line, std::string_view announcement);
 
     std::unique_ptr<MidiBackend> port_;
