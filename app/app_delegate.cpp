@@ -8,6 +8,7 @@
 #include "common/diagnostics.h"
 #include "input/keyboard_monitor.h"
 #include "midi/midi_manager.h"
+#include "midi/recovering_backend.h"
 #include "properties/announcer.h"
 #include "properties/property_manager.h"
 #include "ui/keyboard_view.h"
@@ -87,8 +88,11 @@ void AppDelegate::publishMidiPort()
 {
     // The MIDI output first: the port "PLK" is published before anything can play. A failure
     // is reported by the MIDI output itself and does not stop the start-up.
-    if (!midiManager)
-        midiManager = std::make_unique<MIDIManager>(services_.makeMidiBackend());
+    if (midiManager)
+        return;
+    std::unique_ptr<RecoveringBackend> port = RecoveringBackend::around(services_.makeMidiBackend());
+    midiService_ = port.get();
+    midiManager = std::make_unique<MIDIManager>(std::move(port));
 }
 
 void AppDelegate::applicationDidFinishLaunching()
@@ -116,6 +120,9 @@ void AppDelegate::applicationDidFinishLaunching()
     keyboardMonitor->keysDownNow = &x11KeysDown;
     // Before the key-event filter, which must stay in front of every application filter.
     keyFocusWatch_ = std::make_unique<KeyFocusWatch>(*keyboardMonitor, &applicationKeyWindow);
+    midiService_->watch([manager = keyboardMonitor->propertyManager.get()](std::string_view text) {
+        manager->announce(QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size())));
+    });
 
     keyEventFilter_ = std::make_unique<KeyEventFilter>(*keyboardMonitor);
     connect(keyFocusWatch_.get(), &KeyFocusWatch::keysLost, keyEventFilter_.get(),

@@ -18,6 +18,7 @@ class MainWindow;
 class MidiBackend;
 class MIDIManager;
 class PreferencesWindow;
+class RecoveringBackend;
 class SettingsStore;
 class SoundPlayer;
 
@@ -66,6 +67,10 @@ public:
     /// The preferences window while it is open; cleared when it closes.
     std::unique_ptr<PreferencesWindow> preferencesWindow;
 
+    /// What keeps the port through a MIDI service that dies and returns (inside the MIDI output),
+    /// with the patchbay of PLK's connections; null before the port is published.
+    RecoveringBackend* midiService() const { return midiService_; }
+
     /// The key-event filter (the keyboard monitor's localMonitor), null before launch.
     KeyEventFilter* keyEventFilter() const { return keyEventFilter_.get(); }
     /// What tells the keyboard monitor that the main window lost or regained the keys, null
@@ -108,6 +113,7 @@ private:
     AppServices services_;
     std::unique_ptr<KeyEventFilter> keyEventFilter_;
     std::unique_ptr<KeyFocusWatch> keyFocusWatch_;
+    RecoveringBackend* midiService_ = nullptr; // owned by midiManager
     // Closed preferences windows waiting for their deferred deletion.
     std::vector<QPointer<PreferencesWindow>> closedPreferences_;
     bool launched_ = false;

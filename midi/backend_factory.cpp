@@ -2,9 +2,15 @@
 
 #include "common/diagnostics.h"
 #include "midi/jack_cycle_watch.h"
+#include "midi/jack_patchbay.h"
 #include "midi/midi_service_probe.h"
 #include "midi/null_backend.h"
+#include "midi/null_patchbay.h"
 #include "midi/rtmidi_backend.h"
+
+#if defined(__linux__)
+#include "midi/alsa_patchbay.h"
+#endif
 
 #include <algorithm>
 #include <cctype>
@@ -100,6 +106,21 @@ std::unique_ptr<MidiBackend> makeBackend(MidiApiKind kind)
         break;
     }
     return std::make_unique<NullBackend>();
+}
+
+std::unique_ptr<MidiPatchbay> makePatchbay(MidiApiKind kind)
+{
+    switch (kind) {
+#if defined(__linux__)
+    case MidiApiKind::Alsa:
+        return std::make_unique<AlsaPatchbay>(std::string(kPortName), std::string(kPortName));
+#endif
+    case MidiApiKind::Jack:
+        return std::make_unique<JackPatchbay>(std::string(kPortName) + ':' + std::string(kPortName));
+    default:
+        break;
+    }
+    return std::make_unique<NullPatchbay>();
 }
 
 std::unique_ptr<MidiBackend> makeBackend(std::string_view name, std::string& error)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "midi/midi_backend.h"
+#include "midi/midi_patchbay.h"
 
 #include <array>
 #include <memory>
@@ -57,6 +58,11 @@ MidiApiParse parseMidiApi(std::string_view name);
 /// A back end for `kind`. It is made even if the service is not there: creating its client
 /// then fails (MIDIManager prints the error line and sends become no-ops).
 std::unique_ptr<MidiBackend> makeBackend(MidiApiKind kind);
+
+/// The connections of the port PLK on `kind`: the JACK server, the ALSA sequencer, or none
+/// (NullPatchbay) for the null output and where the system has no patchbay here. Made even if
+/// the service is not there: it lists nothing until the service comes.
+std::unique_ptr<MidiPatchbay> makePatchbay(MidiApiKind kind);
 
 /// A back end for the system called `name`; null and `error` set when the name is unknown.
 std::unique_ptr<MidiBackend> makeBackend(std::string_view name, std::string& error);

@@ -53,7 +53,19 @@ int JackCycleWatch::onProcess(std::uint32_t, void* self)
 
 void JackCycleWatch::onShutdown(int, const char*, void* self)
 {
-    static_cast<JackCycleWatch*>(self)->serverGone_.store(true, std::memory_order_release);
+    auto* watch = static_cast<JackCycleWatch*>(self);
+    watch->serverGone_.store(true, std::memory_order_release);
+    const std::lock_guard lock(watch->goneMutex_);
+    if (watch->gone_)
+        watch->gone_();
+}
+
+void JackCycleWatch::setGoneListener(std::function<void()> gone)
+{
+    const std::lock_guard lock(goneMutex_);
+    gone_ = std::move(gone);
+    if (gone_ && serverGone())
+        gone_();
 }
 
 bool JackCycleWatch::waitCycles(unsigned cycles, std::chrono::milliseconds limit)

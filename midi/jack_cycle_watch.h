@@ -5,7 +5,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -40,6 +42,10 @@ public:
     /// Stops taking part in the cycles.
     void deactivate();
 
+    /// `gone` is called once, on JACK's thread, when the server shuts down or throws the
+    /// client out (at once if that has happened already). Empty stops the call.
+    void setGoneListener(std::function<void()> gone);
+
 private:
     explicit JackCycleWatch(_jack_client* client);
     static int onProcess(std::uint32_t frames, void* self);
@@ -49,6 +55,8 @@ private:
     std::atomic<std::uint64_t> cycles_{0};
     std::atomic<bool> serverGone_{false};
     bool active_ = false;
+    std::mutex goneMutex_;
+    std::function<void()> gone_; // under goneMutex_
 };
 
 } // namespace plinkora

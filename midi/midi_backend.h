@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <string_view>
 
 namespace plinkora {
@@ -43,6 +44,14 @@ public:
 
     /// Unregisters the client.
     virtual void disposeClient(std::uint32_t client) = 0;
+
+    /// `lost` is called when the service goes away under the client: the JACK server shut down
+    /// or was killed, the sequencer client was lost. It is the service's own notice, called on
+    /// any thread (the service's), once per client made. The client and the source are dead
+    /// then: dispose them, and create them again when the service is back. Setting it again
+    /// replaces it; an empty function stops the calls. Back ends whose service cannot go away
+    /// never call it.
+    virtual void setServiceLostListener(std::function<void()> lost) { (void)lost; }
 };
 
 } // namespace plinkora

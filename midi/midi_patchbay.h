@@ -1,5 +1,6 @@
 #pragma once
 
+#include <compare>
 #include <functional>
 #include <string>
 #include <vector>
@@ -17,6 +18,8 @@ struct MidiDestination
     /// "client:port", the form shown, announced, remembered and given to --connect.
     std::string name() const { return client + ':' + port; }
     bool operator==(const MidiDestination&) const = default;
+    /// By client, then port: the order of the lists.
+    auto operator<=>(const MidiDestination&) const = default;
 };
 
 /// The connections of the port PLK on the MIDI service it is published on: lists the MIDI
@@ -36,12 +39,24 @@ public:
     /// PLK is not published.
     virtual std::vector<MidiDestination> connections() = 0;
 
+    /// True when PLK is published on the service now, so that connections() is all it is
+    /// connected to (and not empty only because PLK or the service is not there).
+    virtual bool sourcePublished() { return true; }
+
     /// Connects PLK to `destination`. True when connected afterwards (also when it already
     /// was); false when there is no such destination or the service refused.
     virtual bool connect(const MidiDestination& destination) = 0;
 
     /// Disconnects PLK from `destination`. True when not connected afterwards.
     virtual bool disconnect(const MidiDestination& destination) = 0;
+
+    /// The MIDI service went away under PLK (its back end said so). The patchbay lets go of
+    /// everything it holds of the dead service now and reaches for the service again only after
+    /// serviceBack(); until then it lists nothing. (libjack frees every client of a process when
+    /// one is opened while clients of a dead server are still open.)
+    virtual void serviceLost() {}
+    /// PLK is published again on the service.
+    virtual void serviceBack() {}
 
     /// `changed` is called when a destination appears or goes, or a connection of PLK is made
     /// or broken, by anyone. It may be called on any thread (the service's own); the receiver

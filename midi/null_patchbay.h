@@ -10,6 +10,7 @@ class NullPatchbay final : public MidiPatchbay
 public:
     std::vector<MidiDestination> destinations() override { return {}; }
     std::vector<MidiDestination> connections() override { return {}; }
+    bool sourcePublished() override { return false; }
     bool connect(const MidiDestination&) override { return false; }
     bool disconnect(const MidiDestination&) override { return true; }
     void setChangeCallback(std::function<void()>) override {}

@@ -5,8 +5,15 @@
 
 #include <RtMidi.h>
 
+#if defined(__linux__)
+#include "midi/alsa_announcements.h"
+
+#include <alsa/asoundlib.h>
+#endif
+
 #include <algorithm>
 #include <chrono>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -15,6 +22,7 @@ namespace plinkora {
 namespace {
 constexpr std::uint32_t kClientReference = 1;
 constexpr std::uint32_t kSourceReference = 1;
+constexpr std::string_view kAlsaWatchSuffix = "-watch"; // "PLK-watch"
 
 // RtMidi's JACK output hands each message to its process callback through a ring buffer;
 // closing the port right after a send can lose what is still in there, or what is in the port
@@ -56,10 +64,24 @@ struct RtMidiBackend::State
 {
     System system;
     std::unique_ptr<JackCycleWatch> jackWatch; // JACK only
+#if defined(__linux__)
+    // ALSA only, while the port is published: hears the sequencer say that PLK's client ended.
+    std::unique_ptr<AlsaAnnouncements> alsaWatch;
+    std::atomic<int> alsaClient{-1};
+#endif
     std::unique_ptr<RtMidiOut> out;
     bool sourceOpen = false;
     int reports = 0; // problems RtMidi reported since the counter was last reset
     std::string lastReport;
+    std::mutex lostMutex;
+    std::function<void()> lost; // under lostMutex; called on the service's thread
+
+    void serviceLost()
+    {
+        const std::lock_guard lock(lostMutex);
+        if (lost)
+            lost();
+    }
 
     static void onReport(RtMidiError::Type type, const std::string& text, void* self)
     {
@@ -73,6 +95,26 @@ struct RtMidiBackend::State
         }
     }
 };
+
+#if defined(__linux__)
+namespace {
+// The sequencer client "PLK" of RtMidi ends only with the back end, or when the sequencer
+// loses it: a watch client hears that from the sequencer's announcements.
+void watchAlsaClient(RtMidiBackend::State& s, std::string_view name)
+{
+    AlsaAnnouncements::Listener listener;
+    listener.announced = [&s](const snd_seq_event_t& event) {
+        if (event.type == SND_SEQ_EVENT_CLIENT_EXIT && event.data.addr.client == s.alsaClient.load())
+            s.serviceLost();
+    };
+    listener.lost = [&s] { s.serviceLost(); };
+    s.alsaWatch = AlsaAnnouncements::open(std::string(name).append(kAlsaWatchSuffix), std::move(listener));
+    if (s.alsaWatch)
+        s.alsaClient = s.alsaWatch->withSequencer(
+            [&](snd_seq_t* seq) { return AlsaAnnouncements::findClient(seq, name); });
+}
+} // namespace
+#endif
 
 RtMidiBackend::RtMidiBackend(System system, std::unique_ptr<JackCycleWatch> jackWatch)
     : state_(std::make_unique<State>())
@@ -132,6 +174,7 @@ MidiStatus RtMidiBackend::createClient(std::string_view name, std::uint32_t& cli
             if (!s.jackWatch)
                 return status;
         }
+        s.jackWatch->setGoneListener([&s] { s.serviceLost(); });
     }
 
     try {
@@ -148,6 +191,12 @@ MidiStatus RtMidiBackend::createClient(std::string_view name, std::uint32_t& cli
     s.out->setErrorCallback(&State::onReport, &s);
     client = kClientReference;
     return kStatusOk;
+}
+
+void RtMidiBackend::setServiceLostListener(std::function<void()> lost)
+{
+    const std::lock_guard lock(state_->lostMutex);
+    state_->lost = std::move(lost);
 }
 
 MidiStatus RtMidiBackend::createSource(std::uint32_t client, std::string_view name, std::uint32_t& source)
@@ -167,6 +216,10 @@ MidiStatus RtMidiBackend::createSource(std::uint32_t client, std::string_view na
         return kStatusSourceFailed;
     s.sourceOpen = true;
     source = kSourceReference;
+#if defined(__linux__)
+    if (s.system == System::AlsaSequencer)
+        watchAlsaClient(s, name);
+#endif
     return kStatusOk;
 }
 
@@ -195,6 +248,9 @@ void RtMidiBackend::disposeSource(std::uint32_t source)
     if (source != kSourceReference || !s.sourceOpen)
         return;
     s.sourceOpen = false;
+#if defined(__linux__)
+    s.alsaWatch.reset(); // PLK's client ending now is no loss
+#endif
     if (!s.jackWatch) {
         s.out->closePort();
         return;

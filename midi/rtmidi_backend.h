@@ -47,12 +47,17 @@ public:
     /// with the client (RtMidi only withdraws a virtual port when its client goes).
     void disposeSource(std::uint32_t source) override;
     void disposeClient(std::uint32_t client) override;
+    /// JACK: the server's shut-down notice, through the cycle watch. ALSA: the sequencer's
+    /// announcement that PLK's client ended, or the sequencer failing, heard by a client
+    /// "PLK-watch" while the port is published. CoreMIDI: never.
+    void setServiceLostListener(std::function<void()> lost) override;
 
     /// RtMidi's text for the last problem it reported, for diagnostics ("" if none).
     const std::string& lastReport() const;
 
-private:
     struct State;
+
+private:
     std::unique_ptr<State> state_;
 };
 

@@ -188,13 +188,39 @@ class Desktop:
         # periods keep xruns (which drop MIDI events on a loaded machine) away.
         self._lock = open(os.environ.get("PLINKORA_JACK_TEST_LOCK", "/tmp/plinkora-jack-tests.lock"), "a")
         fcntl.flock(self._lock, fcntl.LOCK_EX)
-        self._spawn("jackd", ["jackd", "--no-realtime", "-t", "5000", "-n", self.jack_name,
-                              "-d", "dummy", "-r", "48000", "-p", "256"])
+        self._spawn_jackd()
+        self.receiver = self.start_receiver(connect=True)
+
+    def _spawn_jackd(self):
+        self.jackd = self._spawn("jackd", ["jackd", "--no-realtime", "-t", "5000", "-n", self.jack_name,
+                                           "-d", "dummy", "-r", "48000", "-p", "256"])
         self.wait_until(lambda: subprocess.run(["jack_lsp"], env=self.env, capture_output=True).returncode == 0,
                         timeout=DEFAULT_TIMEOUT, what="the JACK server to answer")
-        self.receiver = self._spawn("receiver", [os.environ["PLINKORA_RECEIVER"], "--connect", "PLK:PLK",
-                                                 "--client", f"rx{os.getpid()}"])
-        self.receiver.wait_for_line(r"^ready ")
+
+    def start_receiver(self, connect):
+        """A receiver called rx<pid>; with `connect` it connects itself to PLK:PLK."""
+        argv = [os.environ["PLINKORA_RECEIVER"], "--client", f"rx{os.getpid()}"]
+        if connect:
+            argv += ["--connect", "PLK:PLK"]
+        receiver = self._spawn("receiver", argv)
+        receiver.wait_for_line(r"^ready ")
+        return receiver
+
+    def kill_jack(self):
+        """Kills the JACK server as a crash would (keeping the machine's JACK test lock)."""
+        self.jackd.stop(sig=signal.SIGKILL)
+        for name in os.listdir("/dev/shm"):  # what a killed server leaves, by its unique name
+            if name.startswith(f"jack_{self.jack_name}_") or (name.startswith("jack_sem.")
+                                                               and f"_{self.jack_name}_" in name):
+                try:
+                    os.remove(os.path.join("/dev/shm", name))
+                except OSError:
+                    pass
+
+    def restart_jack(self):
+        """A server of the same name again, and a receiver that connects nothing itself."""
+        self._spawn_jackd()
+        self.receiver = self.start_receiver(connect=False)
 
     # --- plinkora -----------------------------------------------------------------------
 

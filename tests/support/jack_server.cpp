@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -122,24 +123,51 @@ std::unique_ptr<JackServer> JackServer::start(const Options& options)
     std::unique_ptr<JackServer> server(new JackServer);
     server->lock_ = std::make_unique<JackTestLock>();
     server->name_ = options.name.empty() ? uniqueName() : options.name;
+    server->options_ = options;
+    server->launch();
+    return server;
+}
+
+void JackServer::launch()
+{
     ChildProcess::Options process;
-    process.arguments = {"-n", server->name_, "-t", std::to_string(options.clientTimeout.count()), "-d", "dummy",
-                         "-r", std::to_string(options.sampleRate), "-p", std::to_string(options.periodFrames)};
+    process.arguments = {"-n", name_, "-t", std::to_string(options_.clientTimeout.count()), "-d", "dummy",
+                         "-r", std::to_string(options_.sampleRate), "-p", std::to_string(options_.periodFrames)};
     process.environment = {{"JACK_NO_AUDIO_RESERVATION", "1"}};
     process.unsetEnvironment = {"JACK_DEFAULT_SERVER"};
-    server->process_ = ChildProcess::start("jackd", process);
+    process_ = ChildProcess::start("jackd", process);
+    stopped_ = false;
 
-    const auto deadline = std::chrono::steady_clock::now() + options.readyTimeout;
+    const auto deadline = std::chrono::steady_clock::now() + options_.readyTimeout;
     for (;;) {
-        if (reachable(server->name_))
-            return server;
-        if (!server->process_->running() || std::chrono::steady_clock::now() >= deadline) {
-            const std::string what = server->process_->describe();
-            server->stop();
-            throw std::runtime_error("the JACK server " + server->name_ + " did not come up: " + what);
+        if (reachable(name_))
+            return;
+        if (!process_->running() || std::chrono::steady_clock::now() >= deadline) {
+            const std::string what = process_->describe();
+            stop();
+            throw std::runtime_error("the JACK server " + name_ + " did not come up: " + what);
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+}
+
+void JackServer::kill()
+{
+    if (!process_ || stopped_)
+        return;
+    process_->sendSignal(SIGKILL);
+    process_->waitForExit(std::chrono::seconds(30));
+    removeLeftovers();
+}
+
+void JackServer::restart()
+{
+    if (process_ && process_->running())
+        process_->stop();
+    removeLeftovers();
+    if (!lock_)
+        lock_ = std::make_unique<JackTestLock>();
+    launch();
 }
 
 JackServer::~JackServer()

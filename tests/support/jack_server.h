@@ -80,6 +80,13 @@ public:
     /// The destructor calls it. process() stays readable.
     void stop(std::chrono::milliseconds grace = std::chrono::seconds(5));
 
+    /// Kills the server with SIGKILL, as a crash would (its clients get no orderly shut-down),
+    /// keeping the JackTestLock and the name for restart().
+    void kill();
+    /// Starts a server under the same name and options again after stop() or kill(), and waits
+    /// until a client can connect. Throws as start() does.
+    void restart();
+
     /// A server name unique to this process and call: "<prefix>-<pid>-<counter>".
     static std::string uniqueName(std::string_view prefix = "plk-test");
     /// True when a client can connect to server `name` now. Never starts a server and prints
@@ -90,10 +97,12 @@ public:
 
 private:
     JackServer() = default;
+    void launch();
     void removeLeftovers() const;
 
     std::unique_ptr<JackTestLock> lock_;
     std::string name_;
+    Options options_;
     std::unique_ptr<ChildProcess> process_;
     bool stopped_ = false;
 };
