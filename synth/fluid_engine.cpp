@@ -85,7 +85,7 @@ struct FluidEngine::Instance
     fluid_synth_t* synth = nullptr;
     fluid_audio_driver_t* driver = nullptr;
 
-    Instance()
+    explicit Instance(const std::string& audioFile)
     {
         settings = new_fluid_settings();
         fluid_settings_setint(settings, "synth.threadsafe-api", 1);
@@ -99,6 +99,8 @@ struct FluidEngine::Instance
         fluid_settings_setint(settings, "audio.period-size", 256);
         fluid_settings_setint(settings, "audio.periods", 2);
         fluid_settings_setstr(settings, "audio.pulseaudio.media-role", "music");
+        if (!audioFile.empty())
+            fluid_settings_setstr(settings, "audio.file.name", audioFile.c_str());
         synth = new_fluid_synth(settings);
     }
     ~Instance()
@@ -201,14 +203,15 @@ void FluidEngine::startWorker(std::function<void(Outcome&)> job)
 void FluidEngine::load(const std::string& soundFont)
 {
     const std::vector<std::string> drivers = options_.drivers;
-    startWorker([soundFont, drivers](Outcome& outcome) {
+    const std::string audioFile = options_.audioFile;
+    startWorker([soundFont, drivers, audioFile](Outcome& outcome) {
         outcome.soundFont = soundFont;
         std::error_code error;
         if (!std::filesystem::is_regular_file(soundFont, error)) {
             outcome.problem = "Sound font not found: " + soundFont;
             return;
         }
-        auto instance = std::make_unique<Instance>();
+        auto instance = std::make_unique<Instance>(audioFile);
         if (!instance->synth || fluid_synth_sfload(instance->synth, soundFont.c_str(), 1) == FLUID_FAILED) {
             outcome.problem = "Sound font could not be read: " + soundFont;
             return;
@@ -345,6 +348,21 @@ void FluidEngine::idleCheck()
         return;
     }
     suspend();
+}
+
+int FluidEngine::activeVoices() const
+{
+    return instance_ ? fluid_synth_get_active_voice_count(instance_->synth) : 0;
+}
+
+int FluidEngine::program(int channel) const
+{
+    int font = 0;
+    int bank = 0;
+    int program = -1;
+    if (!instance_ || fluid_synth_get_program(instance_->synth, channel, &font, &bank, &program) != FLUID_OK)
+        return -1;
+    return program;
 }
 
 void FluidEngine::noteOn(int channel, int key, int velocity)

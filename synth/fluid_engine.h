@@ -37,6 +37,8 @@ public:
         std::chrono::milliseconds idleTime{10000};
         /// The audio outputs to try, in order. "jack" is tried only while a JACK server runs.
         std::vector<std::string> drivers{"jack", "pipewire", "pulseaudio", "alsa"};
+        /// Where FluidSynth's "file" output writes (tests); empty: its default.
+        std::string audioFile;
     };
 
     FluidEngine();
@@ -78,6 +80,10 @@ public:
 
     /// Waits for the worker; for tests and benchmarks.
     void waitForWorker();
+    /// The voices sounding now (0 without a synthesizer).
+    int activeVoices() const;
+    /// The program of `channel` in the synthesizer (-1 without one).
+    int program(int channel) const;
 
 private:
     struct Instance;
