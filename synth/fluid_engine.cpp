@@ -90,6 +90,9 @@ struct FluidEngine::Instance
         settings = new_fluid_settings();
         fluid_settings_setint(settings, "synth.threadsafe-api", 1);
         fluid_settings_setint(settings, "synth.polyphony", 128);
+        // FluidSynth's own default (0.2) is quiet beside other programs; 0.5 leaves room for
+        // chords before clipping.
+        fluid_settings_setnum(settings, "synth.gain", 0.5);
         fluid_settings_setstr(settings, "synth.midi-bank-select", "gm");
         // JACK: the outputs go to the system's playback ports, under a name of Plinkora's own.
         fluid_settings_setint(settings, "audio.jack.autoconnect", 1);
