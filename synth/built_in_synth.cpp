@@ -90,6 +90,13 @@ void BuiltInSynth::setSoundFont(const std::string& path)
     engine_.load(soundFont_);
 }
 
+void BuiltInSynth::setPatchbay(MidiPatchbay* patchbay)
+{
+    if (patchbay)
+        printLine("Built-in synthesizer: following PLK's readers");
+    policy_.setPatchbay(patchbay);
+}
+
 void BuiltInSynth::setMode(SynthMode mode)
 {
     settings_.setString(QString::fromLatin1(synthModeName(mode).data()), QString::fromLatin1(kModeKey));

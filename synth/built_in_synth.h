@@ -52,7 +52,7 @@ public:
     static std::string defaultSoundFont();
 
     /// Follows PLK's readers on `patchbay` for the auto mode (null: nobody reads PLK).
-    void setPatchbay(MidiPatchbay* patchbay) { policy_.setPatchbay(patchbay); }
+    void setPatchbay(MidiPatchbay* patchbay);
     /// Where problems are announced (the property manager's announce); empty: printed only.
     void setAnnounce(std::function<void(const QString&)> announce) { announce_ = std::move(announce); }
 
