@@ -78,6 +78,8 @@ public:
     void channelPressure(int channel, int value) override;
     void keyPressure(int channel, int key, int value) override;
 
+    /// Changes the idle time before the audio output is closed.
+    void setIdleTime(std::chrono::milliseconds idleTime) { options_.idleTime = idleTime; }
     /// Waits for the worker; for tests and benchmarks.
     void waitForWorker();
     /// The voices sounding now (0 without a synthesizer).
