@@ -47,6 +47,10 @@ AppServices DesktopServices::services()
     services.makeMidiBackend = [this] { return makeMidiBackend(); };
     services.makeSoundPlayer = [] { return std::make_unique<QtSoundPlayer>(); };
     services.makeAnnouncer = [this] { return makeAnnouncer(); };
+    services.chooseSoundFont = [this](const QString& path) {
+        if (synth_)
+            synth_->setSoundFont(path.toStdString());
+    };
     services.attachAnnouncementLabel = [](Announcer& announcer, AnnouncementLabel* label) {
         if (auto* desktop = dynamic_cast<DesktopAnnouncer*>(&announcer))
             desktop->setLabel(label);
