@@ -88,7 +88,7 @@ class SynthHeardTest(unittest.TestCase):
         a_pitch, k_pitch = pitch(a_note, RATE), pitch(k_note, RATE)
         print(f"A {a_pitch:.1f} Hz, K {k_pitch:.1f} Hz", file=sys.stderr)
         self.assertAlmostEqual(k_pitch / a_pitch, 2.0, delta=2.0 * 0.03)
-        # A plays C3 (note 48, 130.8 Hz), K C4 (note 60, 261.6 Hz).
+        # A plays note 48 (130.8 Hz), K note 60 (261.6 Hz).
         self.assertAlmostEqual(a_pitch, 130.8, delta=130.8 * 0.03)
 
     @unittest.skip("TODO(lead): enable once Escape sends the panic (another branch adds it)")
