@@ -94,6 +94,8 @@ struct FluidEngine::Instance
         // chords before clipping.
         fluid_settings_setnum(settings, "synth.gain", 0.5);
         fluid_settings_setstr(settings, "synth.midi-bank-select", "gm");
+        // Only the samples of the programs in use are in memory (loaded at the program change).
+        fluid_settings_setint(settings, "synth.dynamic-sample-loading", 1);
         // JACK: the outputs go to the system's playback ports, under a name of Plinkora's own.
         fluid_settings_setint(settings, "audio.jack.autoconnect", 1);
         fluid_settings_setstr(settings, "audio.jack.id", "PLK-synth");
