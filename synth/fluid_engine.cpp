@@ -228,12 +228,18 @@ void FluidEngine::load(const std::string& soundFont)
 
 void FluidEngine::retryAudio()
 {
+    openAudio(true);
+}
+
+void FluidEngine::openAudio(bool sayWhyNot)
+{
     if (!instance_ || instance_->driver)
         return;
     std::string problem;
     driverName_ = openFirstDriver(*instance_, options_.drivers, problem);
     if (driverName_.empty()) {
-        report(problem);
+        if (sayWhyNot)
+            report(problem);
         return;
     }
     suspended_ = false;
@@ -255,6 +261,7 @@ void FluidEngine::finish(std::shared_ptr<Outcome> outcome)
     }
     if (!outcome->problem.empty())
         report(outcome->problem);
+    lastRetry_ = std::chrono::steady_clock::now();
     if (changed_)
         changed_();
 }
@@ -304,8 +311,18 @@ void FluidEngine::setPlaying(bool playing)
 
 bool FluidEngine::wake()
 {
-    if (!instance_ || driverName_.empty())
+    if (!instance_)
         return false;
+    if (driverName_.empty()) {
+        // No audio output opened: a note tries again, at most every 5 s (a sound server or
+        // device may have come since).
+        const auto now = std::chrono::steady_clock::now();
+        if (now - lastRetry_ < std::chrono::seconds(5))
+            return false;
+        lastRetry_ = now;
+        openAudio(false);
+        return !driverName_.empty();
+    }
     if (suspended_) {
         if (!instance_->openDriver(driverName_))
             return false;

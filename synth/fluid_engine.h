@@ -50,7 +50,8 @@ public:
     /// Loads `soundFont` into a new synthesizer and opens the audio output for it, on the worker;
     /// the one in use plays until the new one is ready. A load still under way finishes first.
     void load(const std::string& soundFont);
-    /// Opens the audio output again after it failed (another device may be there now).
+    /// Opens the audio output again after it failed (another device may be there now). A note
+    /// does this too, at most every 5 s, while no output is open.
     void retryAudio();
 
     /// While false, notes are released at once and new ones are dropped.
@@ -93,6 +94,7 @@ private:
 
     static std::string openFirstDriver(Instance& instance, const std::vector<std::string>& drivers,
                                        std::string& problem);
+    void openAudio(bool sayWhyNot);
     void startWorker(std::function<void(Outcome&)> job);
     void finish(std::shared_ptr<Outcome> outcome);
     void adopt(std::unique_ptr<Instance> instance);
@@ -110,6 +112,7 @@ private:
     bool playing_ = true;
     bool suspended_ = false;
     std::chrono::steady_clock::time_point lastSound_;
+    std::chrono::steady_clock::time_point lastRetry_;
     std::array<std::uint16_t, 16> heldNotes_{};
     // What has been said to each channel, for a synthesizer that arrives later: -1 for nothing.
     std::array<std::array<std::int16_t, 128>, 16> controllers_;
