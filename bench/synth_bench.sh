@@ -58,6 +58,7 @@ if [[ $rt -eq 1 ]]; then jack_rt=(-R -P 80); else jack_rt=(--no-realtime); fi
 jackd "${jack_rt[@]}" -n "$jack_name" -d dummy -r 48000 -p 64 >"$work/jackd.log" 2>&1 &
 started+=($!)
 for _ in $(seq 200); do jack_lsp -s "$jack_name" >/dev/null 2>&1 && break; sleep 0.05; done
+jack_lsp -s "$jack_name" >/dev/null 2>&1 || { echo "synth_bench.sh: the JACK server did not start:" >&2; cat "$work/jackd.log" >&2; exit 1; }
 
 ticks_per_second="$(getconf CLK_TCK)"
 cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
