@@ -169,6 +169,8 @@ void AppDelegate::showPreferences()
     if (!preferencesWindow) {
         preferencesWindow = std::make_unique<PreferencesWindow>(*keyboardMonitor->benderController, settings_);
         connect(preferencesWindow.get(), &PreferencesWindow::closed, this, &AppDelegate::preferencesClosed);
+        if (services_.chooseSoundFont)
+            connect(preferencesWindow.get(), &PreferencesWindow::soundFontChosen, this, services_.chooseSoundFont);
     }
     bringForward(*preferencesWindow);
 }

@@ -34,6 +34,8 @@ struct AppServices
     std::function<std::unique_ptr<Announcer>()> makeAnnouncer;
     /// Hands the announcer made above the status bar's label, once the main window exists.
     std::function<void(Announcer&, AnnouncementLabel*)> attachAnnouncementLabel;
+    /// A sound font chosen in the preferences, for the built-in synthesizer; ignored when empty.
+    std::function<void(const QString&)> chooseSoundFont;
     /// Ends the event loop after the termination; QCoreApplication::quit() when empty.
     std::function<void()> quitEventLoop;
 };

@@ -45,6 +45,27 @@ bool contains(const auto& list, std::string_view name)
     return std::find(list.begin(), list.end(), name) != list.end();
 }
 
+// The value of `--name VALUE` or `--name=VALUE` at arguments[i] (moving i past it), or nothing
+// when arguments[i] is not that option. `missing` is set when the value is not there.
+std::optional<std::string_view> optionValue(const std::vector<std::string>& arguments, std::size_t& i,
+                                            std::string_view name, bool& missing)
+{
+    const std::string_view argument = arguments[i];
+    if (!argument.starts_with("--") || !argument.substr(2).starts_with(name))
+        return std::nullopt;
+    const std::string_view rest = argument.substr(2 + name.size());
+    if (rest.empty()) {
+        if (i + 1 >= arguments.size()) {
+            missing = true;
+            return std::string_view{};
+        }
+        return std::string_view(arguments[++i]);
+    }
+    if (rest.front() == '=')
+        return rest.substr(1);
+    return std::nullopt;
+}
+
 CommandLine failure(std::string text)
 {
     CommandLine result;
@@ -86,6 +107,20 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments)
             result.midiApi = std::string(midiApiName(*parsed.kind));
             continue;
         }
+        bool missing = false;
+        if (const std::optional<std::string_view> value = optionValue(arguments, i, "synth", missing)) {
+            const std::optional<SynthMode> mode = parseSynthMode(*value);
+            if (missing || !mode)
+                return failure("--synth needs auto, on or off");
+            result.synthMode = mode;
+            continue;
+        }
+        if (const std::optional<std::string_view> value = optionValue(arguments, i, "soundfont", missing)) {
+            if (missing || value->empty())
+                return failure("--soundfont needs a sound font file (.sf2 or .sf3)");
+            result.soundFont = std::string(*value);
+            continue;
+        }
         if (argument.starts_with("-") && argument.size() > 1) {
             std::string_view name = withoutDashes(argument);
             const std::size_t equals = name.find('=');
@@ -112,7 +147,7 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments)
 
 std::string helpText()
 {
-    return "Usage: plinkora [--midi-api NAME]\n"
+    return "Usage: plinkora [--midi-api NAME] [--synth auto|on|off] [--soundfont FILE]\n"
            "Plays the computer keyboard as a MIDI controller on the virtual MIDI port \"PLK\".\n"
            "\n"
            "Options:\n"
@@ -122,6 +157,12 @@ std::string helpText()
           "                   Without it: the setting \"MidiApi\", else the first that works of\n"
           "                   the system's MIDI service, a JACK server that is already running,\n"
           "                   and null (no port).\n"
+          "  --synth MODE     the built-in synthesizer: auto (plays while no other program\n"
+          "                   reads PLK; the default), on (always) or off (never).\n"
+          "                   Without it: the setting \"Synth\".\n"
+          "  --soundfont FILE the General MIDI sound font (.sf2 or .sf3) the built-in\n"
+          "                   synthesizer plays; remembered as the setting \"SoundFont\".\n"
+          "                   Default: FluidR3_GM when installed, else TimGM6mb.\n"
           "  -h, --help       show this help and exit\n"
           "  -v, --version    show the version and exit\n"
           "\n"

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "synth/synth_control.h"
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -21,6 +23,10 @@ struct CommandLine
     Action action = Action::Run;
     /// The MIDI system named by --midi-api, as written in the name table; empty when not given.
     std::optional<std::string> midiApi;
+    /// The built-in synthesizer's mode given with --synth; empty when not given.
+    std::optional<SynthMode> synthMode;
+    /// The sound font given with --soundfont, as written; empty when not given.
+    std::optional<std::string> soundFont;
     /// Whether Qt's own -platform option was given (it chooses the display like QT_QPA_PLATFORM).
     bool platformOption = false;
     std::string text;
@@ -33,8 +39,8 @@ inline constexpr int kExitUsage = 2;
 inline constexpr int kExitNoDisplay = 1;
 
 /// Reads the arguments after the program name. Accepts --help (-h), --version (-v),
-/// --midi-api NAME (or --midi-api=NAME, any case) and Qt's standard options, which are left
-/// for Qt. Anything else, or an unknown MIDI system, gives Action::Fail with one line and exit
+/// --midi-api NAME (or --midi-api=NAME, any case), --synth auto|on|off, --soundfont FILE and Qt's
+/// standard options, which are left for Qt. Anything else, or an unknown MIDI system, gives Action::Fail with one line and exit
 /// code 2.
 CommandLine parseCommandLine(const std::vector<std::string>& arguments);
 

@@ -3,6 +3,7 @@
 #include "common/diagnostics.h"
 #include "common/settings_store.h"
 #include "midi/backend_factory.h"
+#include "midi/fan_out_backend.h"
 #include "platform/desktop_announcer.h"
 #include "platform/qt_sound_player.h"
 #include "platform/screen_reader_monitor.h"
@@ -30,9 +31,11 @@ private:
     std::unique_ptr<ScreenReaderMonitor> monitor_;
 };
 
-DesktopServices::DesktopServices(std::optional<std::string> midiApi, SettingsStore& settings)
+DesktopServices::DesktopServices(std::optional<std::string> midiApi, SettingsStore& settings,
+                                 BuiltInSynth::Options synth)
     : midiApi_(std::move(midiApi))
     , settings_(settings)
+    , synthOptions_(std::move(synth))
 {
 }
 
@@ -44,6 +47,10 @@ AppServices DesktopServices::services()
     services.makeMidiBackend = [this] { return makeMidiBackend(); };
     services.makeSoundPlayer = [] { return std::make_unique<QtSoundPlayer>(); };
     services.makeAnnouncer = [this] { return makeAnnouncer(); };
+    services.chooseSoundFont = [this](const QString& path) {
+        if (synth_)
+            synth_->setSoundFont(path.toStdString());
+    };
     services.attachAnnouncementLabel = [](Announcer& announcer, AnnouncementLabel* label) {
         if (auto* desktop = dynamic_cast<DesktopAnnouncer*>(&announcer))
             desktop->setLabel(label);
@@ -67,7 +74,10 @@ std::unique_ptr<MidiBackend> DesktopServices::makeMidiBackend()
                   + settings_.fileName().toStdString() + ": " + error);
         backend = chooseBackend({}, error);
     }
-    return backend;
+    // The built-in synthesizer hears what the port sends; its sound font loads on a worker.
+    synth_ = std::make_unique<BuiltInSynth>(settings_, std::move(synthOptions_));
+    synth_->start();
+    return std::make_unique<FanOutBackend>(std::move(backend), synth_.get());
 }
 
 std::unique_ptr<Announcer> DesktopServices::makeAnnouncer()

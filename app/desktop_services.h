@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/app_delegate.h"
+#include "synth/built_in_synth.h"
 
 #include <QObject>
 
@@ -21,14 +22,18 @@ class SpeechDispatcherVoice;
 class DesktopServices
 {
 public:
-    /// `midiApi`: the name given with --midi-api, if any.
-    DesktopServices(std::optional<std::string> midiApi, SettingsStore& settings);
+    /// `midiApi`: the name given with --midi-api, if any; `synth`: --synth and --soundfont.
+    DesktopServices(std::optional<std::string> midiApi, SettingsStore& settings, BuiltInSynth::Options synth = {});
     ~DesktopServices();
     DesktopServices(const DesktopServices&) = delete;
     DesktopServices& operator=(const DesktopServices&) = delete;
 
     /// The services for AppDelegate; they refer to this object.
     AppServices services();
+
+    /// The built-in synthesizer, made with the MIDI back end (null before); it hears every
+    /// packet through the back end's fan-out.
+    BuiltInSynth* synth() { return synth_.get(); }
 
     static constexpr const char* kMidiApiKey = "MidiApi";
 
@@ -40,6 +45,8 @@ private:
     SettingsStore& settings_;
     class LateScreenReaderDetector;
 
+    BuiltInSynth::Options synthOptions_;
+    std::unique_ptr<BuiltInSynth> synth_;
     std::unique_ptr<LateScreenReaderDetector> screenReader_;
     std::unique_ptr<SpeechDispatcherVoice> voice_;
     // Context of the deferred work: it dies with this object.

@@ -9,7 +9,9 @@
 #include "app/termination_signals.h"
 #include "common/diagnostics.h"
 #include "common/settings_store.h"
+#include "input/keyboard_monitor.h"
 #include "platform/announcement_label.h"
+#include "properties/property_manager.h"
 
 #include <QApplication>
 #include <QSettings>
@@ -72,7 +74,8 @@ int main(int argc, char** argv)
 
     QSettings qsettings(QStringLiteral("Plinkora"), QStringLiteral("Plinkora")); // ~/.config/Plinkora/Plinkora.conf
     SettingsStore settings(qsettings);
-    auto desktop = std::make_unique<DesktopServices>(commandLine.midiApi, settings);
+    auto desktop = std::make_unique<DesktopServices>(commandLine.midiApi, settings,
+                                                     BuiltInSynth::Options{commandLine.synthMode, commandLine.soundFont, {}});
     auto delegate = std::make_unique<AppDelegate>(settings, desktop->services());
     // From here on SIGINT, SIGTERM and SIGHUP end Plinkora through the orderly shut-down (once
     // the event loop runs).
@@ -95,6 +98,12 @@ int main(int argc, char** argv)
         QObject::connect(&instance, &SingleInstance::showRequested, delegate.get(), &AppDelegate::showKeyboard);
 
         delegate->applicationDidFinishLaunching();
+        // The built-in synthesizer's problems (a missing sound font, no audio output) are
+        // announced like property changes.
+        if (BuiltInSynth* synth = desktop->synth(); synth && delegate->keyboardMonitor)
+            synth->setAnnounce([monitor = delegate->keyboardMonitor.get()](const QString& text) {
+                monitor->propertyManager->announce(text);
+            });
         status = QApplication::exec();
         // Already done on every way out; never skipped. Then the windows and the desktop
         // services go while the application object still exists.

@@ -46,6 +46,12 @@ void SettingsStore::setDouble(double value, const QString& key)
     settings_.sync();
 }
 
+void SettingsStore::setString(const QString& value, const QString& key)
+{
+    settings_.setValue(key, value);
+    settings_.sync();
+}
+
 QString SettingsStore::fileName() const
 {
     return settings_.fileName();

@@ -29,6 +29,7 @@ public:
 
     void setInteger(std::int64_t value, const QString& key);
     void setDouble(double value, const QString& key);
+    void setString(const QString& value, const QString& key);
 
     /// Path of the settings file, named in fatal errors.
     QString fileName() const;

@@ -11,6 +11,7 @@ build_and_run=(
     qt6-base-dev qt6-multimedia-dev libqt6opengl6-dev qt6-qpa-plugins
     librtmidi-dev libjack-jackd2-dev libasound2-dev
     libspeechd-dev speech-dispatcher speech-dispatcher-espeak-ng
+    libfluidsynth-dev timgm6mb-soundfont
     fonts-dejavu-core libxcb1-dev
 )
 packaging=(

@@ -3,13 +3,17 @@
 #include "benders/bender_controller.h"
 #include "common/settings_store.h"
 #include "input/function_key_config.h"
+#include "synth/built_in_synth.h"
 #include "ui/design_fonts.h"
 #include "ui/preference_controls.h"
 
 #include <QCloseEvent>
+#include <QFileDialog>
+#include <QFileInfo>
 #include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
+#include <QPushButton>
 #include <QScreen>
 
 #include <cstdio>
@@ -83,12 +87,14 @@ void PreferencesWindow::setupUI()
 {
     setupBenderGroup();
     setupFunctionKeyGroup();
+    setupSoundFontRow();
 
     // The whole window by keyboard: the two sliders, then F1 to F4.
     setTabOrder(pitchSpeedSlider_, modSpeedSlider_);
     setTabOrder(modSpeedSlider_, ccFields_[0]);
     for (std::size_t i = 1; i < ccFields_.size(); ++i)
         setTabOrder(ccFields_[i - 1], ccFields_[i]);
+    setTabOrder(ccFields_.back(), soundFontButton_);
 
     // The close key is the window's: it is looked at before the focused control, which might
     // otherwise take Ctrl+Alt+W as a typed character.
@@ -167,6 +173,41 @@ void PreferencesWindow::setupFunctionKeyGroup()
         connect(field, &QLineEdit::returnPressed, this, handlers[static_cast<std::size_t>(index)]);
         connect(field, &QLineEdit::editingFinished, this, [this, index] { commitIfEdited(index); });
     }
+}
+
+void PreferencesWindow::setupSoundFontRow()
+{
+    // Below the function keys: the built-in synthesizer's sound font and a button to choose one.
+    QLabel* caption = makeLabel(QStringLiteral("Sound font:"), this, frameInParent(20, 72, 100, 20, kHeight));
+    soundFontButton_ = new QPushButton(QStringLiteral("Choose…"), this);
+    soundFontButton_->setGeometry(frameInParent(280, 68, 100, 28, kHeight));
+    soundFontButton_->setAccessibleName(QStringLiteral("Choose sound font"));
+    caption->setBuddy(soundFontButton_);
+    soundFontLabel_ = makeLabel(QString(), this, frameInParent(20, 40, 360, 20, kHeight));
+    soundFontLabel_->setAccessibleName(QStringLiteral("Sound font"));
+    soundFontLabel_->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+    QString path = settings_.stringForKey(QString::fromLatin1(BuiltInSynth::kSoundFontKey)).trimmed();
+    showSoundFont(path.isEmpty() ? QString::fromStdString(BuiltInSynth::defaultSoundFont()) : path);
+    connect(soundFontButton_, &QPushButton::clicked, this, &PreferencesWindow::chooseSoundFont);
+}
+
+void PreferencesWindow::showSoundFont(const QString& path)
+{
+    soundFontLabel_->setText(soundFontLabel_->fontMetrics().elidedText(path, Qt::ElideMiddle, 360));
+    soundFontLabel_->setToolTip(path);
+    soundFontLabel_->setAccessibleDescription(path);
+}
+
+void PreferencesWindow::chooseSoundFont()
+{
+    const QString current = soundFontLabel_->toolTip();
+    const QString path = QFileDialog::getOpenFileName(this, QStringLiteral("Choose a sound font"),
+                                                      QFileInfo(current).absolutePath(),
+                                                      QStringLiteral("Sound fonts (*.sf2 *.sf3)"));
+    if (path.isEmpty())
+        return;
+    showSoundFont(path);
+    emit soundFontChosen(path);
 }
 
 QString PreferencesWindow::storedCCText(int index) const

@@ -6,6 +6,7 @@
 
 class QLabel;
 class QLineEdit;
+class QPushButton;
 
 namespace plinkora {
 
@@ -47,10 +48,16 @@ public:
     QLineEdit* ccField(int index) const { return ccFields_.at(static_cast<std::size_t>(index)); }
     SettingsGroup* benderGroup() const { return benderGroup_; }
     SettingsGroup* functionKeyGroup() const { return functionKeyGroup_; }
+    QPushButton* soundFontButton() const { return soundFontButton_; }
+    QLabel* soundFontLabel() const { return soundFontLabel_; }
+    /// Shows `path` as the built-in synthesizer's sound font (what choosing one does, too).
+    void showSoundFont(const QString& path);
 
 signals:
     /// The window was closed (close button, Ctrl+W or close()); the owner may now delete it.
     void closed();
+    /// The user chose a sound font file for the built-in synthesizer (.sf2 or .sf3).
+    void soundFontChosen(const QString& path);
 
 protected:
     /// Sees the key presses of the window's controls first, as a window-level key equivalent.
@@ -70,6 +77,8 @@ private:
     void setupUI();
     void setupBenderGroup();
     void setupFunctionKeyGroup();
+    void setupSoundFontRow();
+    void chooseSoundFont();
     /// Applies the text of field `index` by the function keys' write rule.
     void ccChanged(int index);
     /// Commits field `index` when the user edited it since it was last filled or committed.
@@ -88,6 +97,8 @@ private:
     QLabel* pitchSpeedLabel_ = nullptr;
     SpeedSlider* modSpeedSlider_ = nullptr;
     QLabel* modSpeedLabel_ = nullptr;
+    QPushButton* soundFontButton_ = nullptr;
+    QLabel* soundFontLabel_ = nullptr;
     std::array<QLineEdit*, 4> ccFields_{};
 };
 

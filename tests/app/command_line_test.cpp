@@ -116,3 +116,35 @@ TEST(CommandLine, AnX11OrWaylandDisplayOrAChosenQtPlatformIsEnough)
     environment = {{"DISPLAY", ""}};
     EXPECT_TRUE(missingDisplayMessage(false, &fakeEnvironment));
 }
+
+TEST(CommandLine, SynthTakesAutoOnOrOffInAnyCaseAndBothSpellings)
+{
+    EXPECT_FALSE(parse({}).synthMode);
+    EXPECT_EQ(parse({"--synth", "off"}).synthMode, SynthMode::Off);
+    EXPECT_EQ(parse({"--synth=ON"}).synthMode, SynthMode::On);
+    EXPECT_EQ(parse({"--synth", "Auto", "--midi-api", "null"}).synthMode, SynthMode::Auto);
+    for (const std::vector<std::string>& wrong :
+         {std::vector<std::string>{"--synth"}, {"--synth", "loud"}, {"--synth="}, {"--synthesizer", "on"}}) {
+        const CommandLine line = parse(wrong);
+        EXPECT_EQ(line.action, CommandLine::Action::Fail) << wrong.front();
+        EXPECT_EQ(line.exitCode, kExitUsage);
+    }
+    EXPECT_NE(parse({"--synth", "loud"}).text.find("auto, on or off"), std::string::npos);
+}
+
+TEST(CommandLine, SoundFontTakesAFileAsWrittenWhichIsCheckedWhenItIsLoaded)
+{
+    EXPECT_FALSE(parse({}).soundFont);
+    EXPECT_EQ(parse({"--soundfont", "my font.sf2"}).soundFont, "my font.sf2");
+    EXPECT_EQ(parse({"--soundfont=/no/such.sf3"}).soundFont, "/no/such.sf3");
+    EXPECT_EQ(parse({"--soundfont"}).action, CommandLine::Action::Fail);
+    EXPECT_EQ(parse({"--soundfont="}).action, CommandLine::Action::Fail);
+}
+
+TEST(CommandLine, HelpExplainsTheBuiltInSynthesizerOptions)
+{
+    const std::string help = parse({"--help"}).text;
+    EXPECT_NE(help.find("--synth MODE"), std::string::npos);
+    EXPECT_NE(help.find("--soundfont FILE"), std::string::npos);
+    EXPECT_NE(help.find("TimGM6mb"), std::string::npos);
+}

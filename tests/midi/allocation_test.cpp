@@ -1,12 +1,19 @@
 // Sending MIDI must not allocate: the sends happen on every key press. This executable replaces
 // the global operator new and delete with versions that count the allocations made on the
 // test's own thread while counting is switched on.
+#include "common/settings_store.h"
 #include "midi/backend_factory.h"
+#include "midi/fan_out_backend.h"
 #include "midi/midi_manager.h"
 #include "midi/null_backend.h"
 #include "midi/recording_backend.h"
 #include "support/child_process.h"
 #include "support/jack_server.h"
+#include "synth/built_in_synth.h"
+
+#include <QCoreApplication>
+#include <QSettings>
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -15,6 +22,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <thread>
 
 namespace {
 
@@ -241,4 +249,27 @@ TEST(SendingAllocation, SendingOnTheJackBackEndAllocatesNothing)
     ::testing::internal::CaptureStdout();
     manager.cleanup();
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+}
+
+TEST(SendingAllocation, SendingThroughTheFanOutToTheBuiltInSynthesizerAllocatesNothing)
+{
+    QTemporaryDir dir;
+    QSettings qsettings(dir.filePath("Plinkora.conf"), QSettings::IniFormat);
+    plinkora::SettingsStore settings(qsettings);
+    plinkora::BuiltInSynth::Options options;
+    options.mode = plinkora::SynthMode::On;
+    options.engine.drivers = {"file"};
+    options.engine.audioFile = dir.filePath("out.raw").toStdString();
+    plinkora::BuiltInSynth synth(settings, options);
+    plinkora::MIDIManager manager(std::make_unique<plinkora::FanOutBackend>(std::make_unique<plinkora::NullBackend>(), &synth));
+    synth.start();
+    for (int i = 0; i < 2000 && !synth.isAudible(); ++i) {
+        QCoreApplication::processEvents();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ASSERT_TRUE(synth.isAudible());
+    sendMany(manager, 1); // the idle timer is started once per quiet stretch
+    const AllocationCounter counter;
+    sendMany(manager, 2000);
+    EXPECT_EQ(counter.count(), 0);
 }

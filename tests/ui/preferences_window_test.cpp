@@ -1,5 +1,6 @@
 #include "input/function_key_config.h"
 #include "support/engine_fixture.h"
+#include "synth/built_in_synth.h"
 #include "ui/preference_controls.h"
 #include "ui/preferences_window.h"
 
@@ -10,6 +11,7 @@
 #include <QFontInfo>
 #include <QLabel>
 #include <QLineEdit>
+#include <QPushButton>
 #include <QScreen>
 #include <QSignalSpy>
 #include <QTest>
@@ -481,7 +483,7 @@ TEST_F(PreferencesWindowTest, GroupsFieldsAndSlidersAreNamedForScreenReaders)
     EXPECT_EQ(settings.doubleForKey("PitchBendSpeed"), 250.0);
 }
 
-TEST_F(PreferencesWindowTest, TabGoesThroughTheSlidersAndThenF1ToF4)
+TEST_F(PreferencesWindowTest, TabGoesThroughTheSlidersThenF1ToF4ThenTheSoundFontButton)
 {
     // GIVEN the window in front; THEN the first stop has the focus
     showActive();
@@ -489,7 +491,8 @@ TEST_F(PreferencesWindowTest, TabGoesThroughTheSlidersAndThenF1ToF4)
 
     // WHEN Tab is pressed over and over THEN the focus goes round in this order
     const std::vector<QWidget*> expected{window().modSpeedSlider(), window().ccField(0), window().ccField(1),
-                                         window().ccField(2),       window().ccField(3), window().pitchSpeedSlider()};
+                                         window().ccField(2),       window().ccField(3), window().soundFontButton(),
+                                         window().pitchSpeedSlider()};
     for (QWidget* next : expected) {
         QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
         EXPECT_EQ(QApplication::focusWidget(), next);
@@ -503,4 +506,19 @@ TEST_F(PreferencesWindowTest, OtherConstructorsDoNotExist)
     static_assert(!std::is_copy_constructible_v<PreferencesWindow>);
     static_assert(std::is_constructible_v<PreferencesWindow, BenderController&, SettingsStore&>);
     SUCCEED();
+}
+
+TEST_F(PreferencesWindowTest, TheSoundFontRowShowsTheChosenFontOrTheDefault)
+{
+    EXPECT_EQ(window().soundFontLabel()->toolTip().toStdString(), BuiltInSynth::defaultSoundFont());
+    EXPECT_EQ(window().soundFontButton()->accessibleName(), QStringLiteral("Choose sound font"));
+    EXPECT_EQ(window().soundFontLabel()->accessibleName(), QStringLiteral("Sound font"));
+    window().showSoundFont(QStringLiteral("/fonts/piano.sf3"));
+    EXPECT_EQ(window().soundFontLabel()->text(), QStringLiteral("/fonts/piano.sf3"));
+}
+
+TEST_F(PreferencesWindowTest, TheSoundFontRowShowsTheStoredFont)
+{
+    settings.setString(QStringLiteral("/home/me/Big.sf2"), QStringLiteral("SoundFont"));
+    EXPECT_EQ(window().soundFontLabel()->toolTip(), QStringLiteral("/home/me/Big.sf2"));
 }

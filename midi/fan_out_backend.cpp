@@ -1,0 +1,39 @@
+#include "midi/fan_out_backend.h"
+
+namespace plinkora {
+
+FanOutBackend::FanOutBackend(std::unique_ptr<MidiBackend> port, MidiListener* listener)
+    : port_(std::move(port))
+    , listener_(listener)
+{
+}
+
+MidiStatus FanOutBackend::createClient(std::string_view name, std::uint32_t& client)
+{
+    return port_->createClient(name, client);
+}
+
+MidiStatus FanOutBackend::createSource(std::uint32_t client, std::string_view name, std::uint32_t& source)
+{
+    return port_->createSource(client, name, source);
+}
+
+MidiStatus FanOutBackend::received(std::uint32_t source, const MidiPacket& packet)
+{
+    const MidiStatus status = port_->received(source, packet);
+    if (listener_)
+        listener_->midiSent(packet);
+    return status;
+}
+
+void FanOutBackend::disposeSource(std::uint32_t source)
+{
+    port_->disposeSource(source);
+}
+
+void FanOutBackend::disposeClient(std::uint32_t client)
+{
+    port_->disposeClient(client);
+}
+
+} // namespace plinkora

@@ -1,0 +1,443 @@
+#include "synth/fluid_engine.h"
+
+#include "common/diagnostics.h"
+#include "midi/midi_service_probe.h"
+
+#include <alsa/asoundlib.h>
+#include <fluidsynth.h>
+
+#include <QMetaObject>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+
+#include <unistd.h>
+
+namespace plinkora {
+
+namespace {
+
+// FluidSynth's error messages are kept (the last one explains a failed audio output) instead
+// of printed: trying the outputs one after the other would print an error for each.
+std::mutex logMutex;
+std::array<char, 256> lastError{};
+
+void keepError(int, const char* message, void*)
+{
+    const std::lock_guard lock(logMutex);
+    std::strncpy(lastError.data(), message ? message : "", lastError.size() - 1);
+}
+
+void dropMessage(int, const char*, void*) {}
+
+void quietFluidSynth()
+{
+    static const bool done = [] {
+        fluid_set_log_function(FLUID_PANIC, keepError, nullptr);
+        fluid_set_log_function(FLUID_ERR, keepError, nullptr);
+        fluid_set_log_function(FLUID_WARN, dropMessage, nullptr);
+        fluid_set_log_function(FLUID_INFO, dropMessage, nullptr);
+        fluid_set_log_function(FLUID_DBG, dropMessage, nullptr);
+        return true;
+    }();
+    (void)done;
+}
+
+std::string takeLastError()
+{
+    const std::lock_guard lock(logMutex);
+    std::string text = lastError.data();
+    lastError[0] = '\0';
+    return text;
+}
+
+// A JACK server runs when its socket is there: /dev/shm/jack_<server>_<uid>_0. Cheaper and
+// quieter than opening a client; the JACK output then says itself whether it works.
+bool jackServerSocketExists()
+{
+    const char* server = std::getenv("JACK_DEFAULT_SERVER");
+    const std::string name = server && *server ? server : "default";
+    const std::string socket = "/dev/shm/jack_" + name + "_" + std::to_string(getuid()) + "_0";
+    return access(socket.c_str(), F_OK) == 0;
+}
+
+void dropAlsaMessage(const char*, int, const char*, int, const char*, ...) {}
+
+// alsa-lib prints several lines of its own when there is no sound card; the failure is said in
+// one line instead.
+class QuietAlsa
+{
+public:
+    QuietAlsa() { snd_lib_error_set_handler(dropAlsaMessage); }
+    ~QuietAlsa() { snd_lib_error_set_handler(nullptr); }
+    QuietAlsa(const QuietAlsa&) = delete;
+    QuietAlsa& operator=(const QuietAlsa&) = delete;
+};
+
+} // namespace
+
+/// A synthesizer with its settings, loaded font and audio output, deleted in the right order.
+struct FluidEngine::Instance
+{
+    fluid_settings_t* settings = nullptr;
+    fluid_synth_t* synth = nullptr;
+    fluid_audio_driver_t* driver = nullptr;
+
+    explicit Instance(const std::string& audioFile)
+    {
+        settings = new_fluid_settings();
+        fluid_settings_setint(settings, "synth.threadsafe-api", 1);
+        fluid_settings_setint(settings, "synth.polyphony", 128);
+        // FluidSynth's own default (0.2) is quiet beside other programs; 0.5 leaves room for
+        // chords before clipping.
+        fluid_settings_setnum(settings, "synth.gain", 0.5);
+        fluid_settings_setstr(settings, "synth.midi-bank-select", "gm");
+        // Only the samples of the programs in use are in memory (loaded at the program change).
+        fluid_settings_setint(settings, "synth.dynamic-sample-loading", 1);
+        // JACK: the outputs go to the system's playback ports, under a name of Plinkora's own.
+        fluid_settings_setint(settings, "audio.jack.autoconnect", 1);
+        fluid_settings_setstr(settings, "audio.jack.id", "PLK-synth");
+        fluid_settings_setint(settings, "audio.realtime-prio", 60);
+        // PipeWire, PulseAudio and ALSA: 256 frames a period (5.8 ms at 44.1 kHz).
+        fluid_settings_setint(settings, "audio.period-size", 256);
+        fluid_settings_setint(settings, "audio.periods", 2);
+        fluid_settings_setstr(settings, "audio.pulseaudio.media-role", "music");
+        if (!audioFile.empty())
+            fluid_settings_setstr(settings, "audio.file.name", audioFile.c_str());
+        synth = new_fluid_synth(settings);
+    }
+    ~Instance()
+    {
+        closeDriver();
+        if (synth)
+            delete_fluid_synth(synth);
+        delete_fluid_settings(settings);
+    }
+    Instance(const Instance&) = delete;
+    Instance& operator=(const Instance&) = delete;
+
+    bool openDriver(const std::string& name)
+    {
+        fluid_settings_setstr(settings, "audio.driver", name.c_str());
+        driver = new_fluid_audio_driver(settings, synth);
+        return driver != nullptr;
+    }
+    void closeDriver()
+    {
+        if (driver)
+            delete_fluid_audio_driver(driver);
+        driver = nullptr;
+    }
+};
+
+/// What the worker did: a new synthesizer (with the font), the output that opened, the lines.
+struct FluidEngine::Outcome
+{
+    std::unique_ptr<Instance> instance;
+    std::string soundFont;
+    std::string driverName;
+    std::string problem;
+};
+
+// Opens the first of `drivers` that works for `instance`: its name, or empty and `problem` set to
+// the line that says why none did. Outputs that this FluidSynth does not have are passed over.
+std::string FluidEngine::openFirstDriver(Instance& instance, const std::vector<std::string>& drivers,
+                                         std::string& problem)
+{
+    std::string failures;
+    for (const std::string& driver : drivers) {
+        if (driver == "jack" && !jackServerSocketExists())
+            continue;
+        takeLastError();
+        const QuietAlsa quiet;
+        if (instance.openDriver(driver))
+            return driver;
+        const std::string why = takeLastError();
+        if (why.starts_with("Couldn't find the requested audio driver"))
+            continue;
+        failures += (failures.empty() ? "" : "; ") + driver + (why.empty() ? "" : ": " + why);
+    }
+    problem = "Audio output failed: " + (failures.empty() ? std::string("no audio output") : failures);
+    return {};
+}
+
+FluidEngine::FluidEngine()
+    : FluidEngine(Options{})
+{
+}
+
+FluidEngine::FluidEngine(Options options)
+    : options_(std::move(options))
+{
+    for (auto& channel : controllers_)
+        channel.fill(-1);
+    programs_.fill(-1);
+    bends_.fill(-1);
+    quietFluidSynth();
+    // The JACK output must never start a JACK server of its own.
+    forbidJackServerStart();
+    idleTimer_.setSingleShot(true);
+    idleTimer_.setInterval(options_.idleTime);
+    QObject::connect(&idleTimer_, &QTimer::timeout, &context_, [this] { idleCheck(); });
+}
+
+FluidEngine::~FluidEngine()
+{
+    waitForWorker();
+    instance_.reset();
+}
+
+void FluidEngine::waitForWorker()
+{
+    if (worker_.joinable())
+        worker_.join();
+}
+
+void FluidEngine::startWorker(std::function<void(Outcome&)> job)
+{
+    waitForWorker();
+    worker_ = std::thread([this, job = std::move(job)] {
+        auto outcome = std::make_shared<Outcome>();
+        job(*outcome);
+        QMetaObject::invokeMethod(&context_, [this, outcome] { finish(outcome); }, Qt::QueuedConnection);
+    });
+}
+
+void FluidEngine::load(const std::string& soundFont)
+{
+    const std::vector<std::string> drivers = options_.drivers;
+    const std::string audioFile = options_.audioFile;
+    startWorker([soundFont, drivers, audioFile](Outcome& outcome) {
+        outcome.soundFont = soundFont;
+        std::error_code error;
+        if (!std::filesystem::is_regular_file(soundFont, error)) {
+            outcome.problem = "Sound font not found: " + soundFont;
+            return;
+        }
+        auto instance = std::make_unique<Instance>(audioFile);
+        if (!instance->synth || fluid_synth_sfload(instance->synth, soundFont.c_str(), 1) == FLUID_FAILED) {
+            outcome.problem = "Sound font could not be read: " + soundFont;
+            return;
+        }
+        outcome.driverName = openFirstDriver(*instance, drivers, outcome.problem);
+        outcome.instance = std::move(instance);
+    });
+}
+
+void FluidEngine::retryAudio()
+{
+    openAudio(true);
+}
+
+void FluidEngine::openAudio(bool sayWhyNot)
+{
+    if (!instance_ || instance_->driver)
+        return;
+    std::string problem;
+    driverName_ = openFirstDriver(*instance_, options_.drivers, problem);
+    if (driverName_.empty()) {
+        if (sayWhyNot)
+            report(problem);
+        return;
+    }
+    suspended_ = false;
+    touch();
+    printLine("Built-in synthesizer: " + soundFontPath_ + " on " + driverName_);
+    if (changed_)
+        changed_();
+}
+
+void FluidEngine::finish(std::shared_ptr<Outcome> outcome)
+{
+    waitForWorker();
+    if (outcome->instance) {
+        soundFontPath_ = outcome->soundFont;
+        driverName_ = outcome->driverName;
+        adopt(std::move(outcome->instance));
+        if (!driverName_.empty())
+            printLine("Built-in synthesizer: " + soundFontPath_ + " on " + driverName_);
+    }
+    if (!outcome->problem.empty())
+        report(outcome->problem);
+    lastRetry_ = std::chrono::steady_clock::now();
+    if (changed_)
+        changed_();
+}
+
+void FluidEngine::adopt(std::unique_ptr<Instance> instance)
+{
+    idleTimer_.stop();
+    heldNotes_.fill(0);
+    instance_ = std::move(instance); // the old synthesizer and its output go
+    suspended_ = false;
+    restoreChannels();
+    if (instance_->driver)
+        touch();
+}
+
+void FluidEngine::restoreChannels()
+{
+    fluid_synth_t* synth = instance_->synth;
+    for (int channel = 0; channel < 16; ++channel) {
+        for (int controller = 0; controller < 128; ++controller)
+            if (controllers_[channel][controller] >= 0)
+                fluid_synth_cc(synth, channel, controller, controllers_[channel][controller]);
+        if (programs_[channel] >= 0)
+            fluid_synth_program_change(synth, channel, programs_[channel]);
+        if (bends_[channel] >= 0)
+            fluid_synth_pitch_bend(synth, channel, bends_[channel]);
+    }
+}
+
+void FluidEngine::report(const std::string& line)
+{
+    printLine(line);
+    if (problem_)
+        problem_(line);
+}
+
+void FluidEngine::setPlaying(bool playing)
+{
+    if (playing_ == playing)
+        return;
+    playing_ = playing;
+    if (!playing && instance_) {
+        fluid_synth_all_sounds_off(instance_->synth, -1);
+        heldNotes_.fill(0);
+    }
+}
+
+bool FluidEngine::wake()
+{
+    if (!instance_)
+        return false;
+    if (driverName_.empty()) {
+        // No audio output opened: a note tries again, at most every 5 s (a sound server or
+        // device may have come since).
+        const auto now = std::chrono::steady_clock::now();
+        if (now - lastRetry_ < std::chrono::seconds(5))
+            return false;
+        lastRetry_ = now;
+        openAudio(false);
+        return !driverName_.empty();
+    }
+    if (suspended_) {
+        if (!instance_->openDriver(driverName_))
+            return false;
+        suspended_ = false;
+        printLine("Built-in synthesizer: audio resumed");
+        if (changed_)
+            changed_();
+    }
+    touch();
+    return true;
+}
+
+void FluidEngine::touch()
+{
+    // The timer is started once per quiet stretch, not for every note (starting it allocates).
+    lastSound_ = std::chrono::steady_clock::now();
+    if (!idleTimer_.isActive())
+        idleTimer_.start(options_.idleTime);
+}
+
+void FluidEngine::suspend()
+{
+    instance_->closeDriver();
+    suspended_ = true;
+    printLine("Built-in synthesizer: audio suspended");
+    if (changed_)
+        changed_();
+}
+
+void FluidEngine::idleCheck()
+{
+    if (!instance_ || suspended_ || !instance_->driver)
+        return;
+    bool held = false;
+    for (const std::uint16_t count : heldNotes_)
+        held = held || count > 0;
+    const auto quiet = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - lastSound_);
+    if (quiet < options_.idleTime) {
+        idleTimer_.start(options_.idleTime - quiet);
+        return;
+    }
+    if (held || fluid_synth_get_active_voice_count(instance_->synth) > 0) {
+        lastSound_ = std::chrono::steady_clock::now();
+        idleTimer_.start(std::chrono::milliseconds(1000));
+        return;
+    }
+    suspend();
+}
+
+int FluidEngine::activeVoices() const
+{
+    return instance_ ? fluid_synth_get_active_voice_count(instance_->synth) : 0;
+}
+
+int FluidEngine::program(int channel) const
+{
+    int font = 0;
+    int bank = 0;
+    int program = -1;
+    if (!instance_ || fluid_synth_get_program(instance_->synth, channel, &font, &bank, &program) != FLUID_OK)
+        return -1;
+    return program;
+}
+
+void FluidEngine::noteOn(int channel, int key, int velocity)
+{
+    if (!playing_ || !wake())
+        return;
+    if (fluid_synth_noteon(instance_->synth, channel, key, velocity) == FLUID_OK)
+        ++heldNotes_[static_cast<std::size_t>(channel)];
+}
+
+void FluidEngine::noteOff(int channel, int key)
+{
+    if (!instance_)
+        return;
+    if (fluid_synth_noteoff(instance_->synth, channel, key) == FLUID_OK && heldNotes_[static_cast<std::size_t>(channel)] > 0)
+        --heldNotes_[static_cast<std::size_t>(channel)];
+    if (!suspended_ && instance_->driver)
+        touch();
+}
+
+void FluidEngine::controlChange(int channel, int controller, int value)
+{
+    controllers_[static_cast<std::size_t>(channel)][static_cast<std::size_t>(controller)] = static_cast<std::int16_t>(value);
+    if (instance_)
+        fluid_synth_cc(instance_->synth, channel, controller, value);
+    if (controller == 120 || controller == 123) // all sound off, all notes off
+        heldNotes_[static_cast<std::size_t>(channel)] = 0;
+}
+
+void FluidEngine::programChange(int channel, int program)
+{
+    programs_[static_cast<std::size_t>(channel)] = static_cast<std::int16_t>(program);
+    if (instance_)
+        fluid_synth_program_change(instance_->synth, channel, program);
+}
+
+void FluidEngine::pitchBend(int channel, int value)
+{
+    bends_[static_cast<std::size_t>(channel)] = static_cast<std::int16_t>(value);
+    if (instance_)
+        fluid_synth_pitch_bend(instance_->synth, channel, value);
+}
+
+void FluidEngine::channelPressure(int channel, int value)
+{
+    if (instance_)
+        fluid_synth_channel_pressure(instance_->synth, channel, value);
+}
+
+void FluidEngine::keyPressure(int channel, int key, int value)
+{
+    if (instance_)
+        fluid_synth_key_pressure(instance_->synth, channel, key, value);
+}
+
+} // namespace plinkora
