@@ -3,6 +3,7 @@
 #include "benders/bender_controller.h"
 #include "common/settings_store.h"
 #include "input/function_key_config.h"
+#include "ui/connections_view.h"
 #include "ui/design_fonts.h"
 #include "ui/preference_controls.h"
 
@@ -10,7 +11,9 @@
 #include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
+#include <QListWidget>
 #include <QScreen>
+#include <QVBoxLayout>
 
 #include <cstdio>
 #include <optional>
@@ -47,7 +50,8 @@ constexpr int kFunctionKeyGroupHeight = 162;
 
 } // namespace
 
-PreferencesWindow::PreferencesWindow(BenderController& benderController, SettingsStore& settings)
+PreferencesWindow::PreferencesWindow(BenderController& benderController, SettingsStore& settings,
+                                     ConnectionKeeper* connections)
     : QWidget(nullptr, Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint | Qt::WindowSystemMenuHint
                            | Qt::WindowCloseButtonHint)
     , benderController_(benderController)
@@ -55,15 +59,17 @@ PreferencesWindow::PreferencesWindow(BenderController& benderController, Setting
 {
     setWindowTitle(QStringLiteral("Preferences"));
     // Titled and closable, neither resizable nor minimisable.
-    setFixedSize(kWidth, kHeight);
+    setFixedSize(kWidth, connections ? kHeight + kConnectionsHeight : kHeight);
     // Closing hides the window; its owner deletes it when told by `closed`.
     setAttribute(Qt::WA_DeleteOnClose, false);
     setBackgroundRole(QPalette::Window);
     setAutoFillBackground(true);
     setupUI();
+    if (connections)
+        setupConnections(*connections);
     // Centred on the screen.
     if (const QScreen* where = screen())
-        move(where->availableGeometry().center() - QPoint(kWidth / 2, kHeight / 2));
+        move(where->availableGeometry().center() - QPoint(kWidth / 2, height() / 2));
 }
 
 PreferencesWindow::~PreferencesWindow()
@@ -77,6 +83,8 @@ PreferencesWindow::~PreferencesWindow()
         field->disconnect(this);
         field->removeEventFilter(this);
     }
+    if (connectionsView_)
+        connectionsView_->list()->removeEventFilter(this);
 }
 
 void PreferencesWindow::setupUI()
@@ -96,6 +104,21 @@ void PreferencesWindow::setupUI()
     modSpeedSlider_->installEventFilter(this);
     for (QLineEdit* field : ccFields_)
         field->installEventFilter(this);
+}
+
+void PreferencesWindow::setupConnections(ConnectionKeeper& keeper)
+{
+    // Below the function keys: the room under them and the added height.
+    constexpr int top = kHeight - 100;
+    auto* group = new SettingsGroup(QString::fromLatin1(ConnectionsView::kHeading), this);
+    group->setGeometry(0, top, kWidth, kHeight + kConnectionsHeight - top);
+    auto* layout = new QVBoxLayout(group);
+    layout->setContentsMargins(0, 0, 0, 0);
+    connectionsView_ = new ConnectionsView(keeper, group);
+    layout->addWidget(connectionsView_);
+
+    setTabOrder(ccFields_.back(), connectionsView_->list());
+    connectionsView_->list()->installEventFilter(this);
 }
 
 void PreferencesWindow::setupBenderGroup()

@@ -10,6 +10,8 @@ class QLineEdit;
 namespace plinkora {
 
 class BenderController;
+class ConnectionKeeper;
+class ConnectionsView;
 class SettingsGroup;
 class SettingsStore;
 class SpeedSlider;
@@ -26,7 +28,10 @@ class PreferencesWindow final : public QWidget
 public:
     /// Builds the window with the controller's speeds and the stored controller numbers of this
     /// moment. A stored controller number outside 0 to 255 stops the program.
-    PreferencesWindow(BenderController& benderController, SettingsStore& settings);
+    /// With `connections`, the window is kConnectionsHeight taller and shows the Connections
+    /// section below the function keys.
+    PreferencesWindow(BenderController& benderController, SettingsStore& settings,
+                      ConnectionKeeper* connections = nullptr);
     ~PreferencesWindow() override;
 
     PreferencesWindow() = delete;
@@ -36,6 +41,7 @@ public:
 
     static constexpr int kWidth = 400;
     static constexpr int kHeight = 450;
+    static constexpr int kConnectionsHeight = 160;
     static constexpr double kMinimumSpeed = 20.0;
     static constexpr double kMaximumSpeed = 500.0;
 
@@ -47,6 +53,8 @@ public:
     QLineEdit* ccField(int index) const { return ccFields_.at(static_cast<std::size_t>(index)); }
     SettingsGroup* benderGroup() const { return benderGroup_; }
     SettingsGroup* functionKeyGroup() const { return functionKeyGroup_; }
+    /// The Connections section; null without a connection keeper.
+    ConnectionsView* connectionsView() const { return connectionsView_; }
 
 signals:
     /// The window was closed (close button, Ctrl+W or close()); the owner may now delete it.
@@ -70,6 +78,7 @@ private:
     void setupUI();
     void setupBenderGroup();
     void setupFunctionKeyGroup();
+    void setupConnections(ConnectionKeeper& keeper);
     /// Applies the text of field `index` by the function keys' write rule.
     void ccChanged(int index);
     /// Commits field `index` when the user edited it since it was last filled or committed.
@@ -89,6 +98,7 @@ private:
     SpeedSlider* modSpeedSlider_ = nullptr;
     QLabel* modSpeedLabel_ = nullptr;
     std::array<QLineEdit*, 4> ccFields_{};
+    ConnectionsView* connectionsView_ = nullptr;
 };
 
 } // namespace plinkora

@@ -1,4 +1,4 @@
-#include "app/connection_keeper.h"
+#include "midi/connection_keeper.h"
 
 #include "common/diagnostics.h"
 #include "common/settings_store.h"
