@@ -5,7 +5,9 @@
 #include "benders/sound_player.h"
 #include "common/diagnostics.h"
 #include "input/keyboard_monitor.h"
+#include "midi/connection_keeper.h"
 #include "midi/midi_manager.h"
+#include "midi/null_patchbay.h"
 #include "properties/announcer.h"
 #include "properties/property_manager.h"
 #include "ui/keyboard_view.h"
@@ -75,6 +77,9 @@ AppDelegate::~AppDelegate()
         delete closed.data();
     preferencesWindow.reset();
     window.reset();
+    // The keeper announces through the property manager and reads the patchbay.
+    connectionKeeper.reset();
+    patchbay.reset();
     keyEventFilter_.reset();
     keyboardMonitor.reset();
     midiManager.reset();
@@ -120,6 +125,31 @@ void AppDelegate::applicationDidFinishLaunching()
     if (services_.attachAnnouncementLabel && keyboardMonitor->propertyManager->speechSynthesizer)
         services_.attachAnnouncementLabel(*keyboardMonitor->propertyManager->speechSynthesizer,
                                           window->announcementLabel());
+
+    makeConnections();
+}
+
+void AppDelegate::makeConnections()
+{
+    MidiBackend& backend = midiManager->backend();
+    patchbay = services_.makePatchbay ? services_.makePatchbay(backend) : nullptr;
+    if (!patchbay)
+        patchbay = std::make_unique<NullPatchbay>();
+    if (dynamic_cast<NullPatchbay*>(patchbay.get()))
+        printLine("MIDI connections: none can be made on " + std::string(backend.apiName()));
+    SynthControl* synth = services_.synthControl ? services_.synthControl() : nullptr;
+
+    PropertyManager* properties = keyboardMonitor->propertyManager.get();
+    connectionKeeper = std::make_unique<ConnectionKeeper>(
+        *patchbay, settings_, [properties](const QString& text) { properties->announce(text); }, synth,
+        QString::fromUtf8(backend.apiName()), midiManager->virtualSource != 0);
+    const auto showStatus = [this] {
+        if (window)
+            window->showConnectionStatus(connectionKeeper->statusText());
+    };
+    connect(connectionKeeper.get(), &ConnectionKeeper::changed, this, showStatus);
+    connectionKeeper->start(connectThisRun);
+    showStatus();
 }
 
 void AppDelegate::showKeyboard()
@@ -152,7 +182,8 @@ void AppDelegate::showPreferences()
     if (!keyboardMonitor)
         return;
     if (!preferencesWindow) {
-        preferencesWindow = std::make_unique<PreferencesWindow>(*keyboardMonitor->benderController, settings_);
+        preferencesWindow = std::make_unique<PreferencesWindow>(*keyboardMonitor->benderController, settings_,
+                                                                connectionKeeper.get());
         connect(preferencesWindow.get(), &PreferencesWindow::closed, this, &AppDelegate::preferencesClosed);
     }
     bringForward(*preferencesWindow);

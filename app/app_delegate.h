@@ -5,20 +5,24 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace plinkora {
 
 class AnnouncementLabel;
+class ConnectionKeeper;
 class Announcer;
 class KeyEventFilter;
 class KeyboardMonitor;
 class MainWindow;
 class MidiBackend;
+class MidiPatchbay;
 class MIDIManager;
 class PreferencesWindow;
 class SettingsStore;
 class SoundPlayer;
+class SynthControl;
 
 /// What the application takes from the desktop, each made when the start-up needs it. The
 /// program passes the real ones (desktopServices() in app/desktop_services.h); tests pass fakes.
@@ -32,6 +36,11 @@ struct AppServices
     std::function<std::unique_ptr<Announcer>()> makeAnnouncer;
     /// Hands the announcer made above the status bar's label, once the main window exists.
     std::function<void(Announcer&, AnnouncementLabel*)> attachAnnouncementLabel;
+    /// The connections of the port PLK on the MIDI system of `backend`; no connections when
+    /// empty (a null patchbay).
+    std::function<std::unique_ptr<MidiPatchbay>(MidiBackend& backend)> makePatchbay;
+    /// The built-in synthesizer's control, owned by the services; none when empty or null.
+    std::function<SynthControl*()> synthControl;
     /// Ends the event loop after the termination; QCoreApplication::quit() when empty.
     std::function<void()> quitEventLoop;
 };
@@ -62,6 +71,11 @@ public:
     std::unique_ptr<KeyboardMonitor> keyboardMonitor;
     /// The main window; made by the first showKeyboard() and never cleared.
     std::unique_ptr<MainWindow> window;
+    /// PLK's connections: made at launch after the main window, lives until the windows are gone.
+    std::unique_ptr<MidiPatchbay> patchbay;
+    std::unique_ptr<ConnectionKeeper> connectionKeeper;
+    /// The MIDI inputs given with --connect, connected at launch for this run; set before it.
+    std::vector<std::string> connectThisRun;
     /// The preferences window while it is open; cleared when it closes.
     std::unique_ptr<PreferencesWindow> preferencesWindow;
 
@@ -78,7 +92,8 @@ public slots:
     /// Start-up, in order: MIDI output (the port "PLK" is published, unless publishMidiPort()
     /// did it already), keyboard monitor, key-event filter (stored in the monitor's
     /// localMonitor), main window with its menu bar (showKeyboard), the announcer's status-bar
-    /// label. Needs the QApplication. Runs once.
+    /// label, PLK's connections (restored, and shown in the main window). Needs the
+    /// QApplication. Runs once.
     void applicationDidFinishLaunching();
     /// Shows the main window, making it on first use, brings it to the front and activates it.
     void showKeyboard();
@@ -97,6 +112,7 @@ signals:
 
 private:
     void preferencesClosed();
+    void makeConnections();
 
     SettingsStore& settings_;
     AppServices services_;

@@ -86,6 +86,17 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments)
             result.midiApi = std::string(midiApiName(*parsed.kind));
             continue;
         }
+        if (argument == "--connect" || argument.starts_with("--connect=")) {
+            std::string_view value;
+            if (argument == "--connect" && i + 1 < arguments.size())
+                value = arguments[++i];
+            else if (argument != "--connect")
+                value = argument.substr(std::string_view("--connect=").size());
+            if (value.empty())
+                return failure("--connect needs the name of a MIDI input, as client:port or client");
+            result.connect.emplace_back(value);
+            continue;
+        }
         if (argument.starts_with("-") && argument.size() > 1) {
             std::string_view name = withoutDashes(argument);
             const std::size_t equals = name.find('=');
@@ -112,7 +123,7 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments)
 
 std::string helpText()
 {
-    return "Usage: plinkora [--midi-api NAME]\n"
+    return "Usage: plinkora [--midi-api NAME] [--connect NAME]...\n"
            "Plays the computer keyboard as a MIDI controller on the virtual MIDI port \"PLK\".\n"
            "\n"
            "Options:\n"
@@ -122,6 +133,9 @@ std::string helpText()
           "                   Without it: the setting \"MidiApi\", else the first that works of\n"
           "                   the system's MIDI service, a JACK server that is already running,\n"
           "                   and null (no port).\n"
+          "  --connect NAME   connect PLK to the MIDI input NAME (client:port, or the client\n"
+          "                   alone when it has one input) for this run; repeatable. It is\n"
+          "                   connected when it appears if it is not there yet.\n"
           "  -h, --help       show this help and exit\n"
           "  -v, --version    show the version and exit\n"
           "\n"

@@ -21,6 +21,8 @@ struct CommandLine
     Action action = Action::Run;
     /// The MIDI system named by --midi-api, as written in the name table; empty when not given.
     std::optional<std::string> midiApi;
+    /// The MIDI inputs named by --connect (repeatable), connected for this run only.
+    std::vector<std::string> connect;
     /// Whether Qt's own -platform option was given (it chooses the display like QT_QPA_PLATFORM).
     bool platformOption = false;
     std::string text;
@@ -33,7 +35,7 @@ inline constexpr int kExitUsage = 2;
 inline constexpr int kExitNoDisplay = 1;
 
 /// Reads the arguments after the program name. Accepts --help (-h), --version (-v),
-/// --midi-api NAME (or --midi-api=NAME, any case) and Qt's standard options, which are left
+/// --midi-api NAME (or --midi-api=NAME, any case), --connect NAME (or --connect=NAME, repeatable) and Qt's standard options, which are left
 /// for Qt. Anything else, or an unknown MIDI system, gives Action::Fail with one line and exit
 /// code 2.
 CommandLine parseCommandLine(const std::vector<std::string>& arguments);

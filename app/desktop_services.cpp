@@ -3,6 +3,7 @@
 #include "common/diagnostics.h"
 #include "common/settings_store.h"
 #include "midi/backend_factory.h"
+#include "midi/null_patchbay.h"
 #include "platform/desktop_announcer.h"
 #include "platform/qt_sound_player.h"
 #include "platform/screen_reader_monitor.h"
@@ -44,6 +45,8 @@ AppServices DesktopServices::services()
     services.makeMidiBackend = [this] { return makeMidiBackend(); };
     services.makeSoundPlayer = [] { return std::make_unique<QtSoundPlayer>(); };
     services.makeAnnouncer = [this] { return makeAnnouncer(); };
+    services.makePatchbay = [this](MidiBackend& backend) { return makePatchbay(backend); };
+    services.synthControl = [this] { return synthControl(); };
     services.attachAnnouncementLabel = [](Announcer& announcer, AnnouncementLabel* label) {
         if (auto* desktop = dynamic_cast<DesktopAnnouncer*>(&announcer))
             desktop->setLabel(label);
@@ -68,6 +71,20 @@ std::unique_ptr<MidiBackend> DesktopServices::makeMidiBackend()
         backend = chooseBackend({}, error);
     }
     return backend;
+}
+
+std::unique_ptr<MidiPatchbay> DesktopServices::makePatchbay(MidiBackend& backend)
+{
+    // The patchbays of the ALSA sequencer and of JACK plug in here, chosen by backend.apiName()
+    // (parseMidiApi gives its MidiApiKind). Until then PLK's connections are made elsewhere.
+    (void)backend;
+    return std::make_unique<NullPatchbay>();
+}
+
+SynthControl* DesktopServices::synthControl()
+{
+    // The built-in synthesizer's control plugs in here; without it the list has no entry for it.
+    return nullptr;
 }
 
 std::unique_ptr<Announcer> DesktopServices::makeAnnouncer()

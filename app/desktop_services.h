@@ -34,6 +34,10 @@ public:
 
 private:
     std::unique_ptr<MidiBackend> makeMidiBackend();
+    /// The connections of PLK on the MIDI system of `backend`.
+    std::unique_ptr<MidiPatchbay> makePatchbay(MidiBackend& backend);
+    /// The built-in synthesizer's control; null while there is no built-in synthesizer.
+    SynthControl* synthControl();
     std::unique_ptr<Announcer> makeAnnouncer();
 
     std::optional<std::string> midiApi_;

@@ -74,6 +74,7 @@ int main(int argc, char** argv)
     SettingsStore settings(qsettings);
     auto desktop = std::make_unique<DesktopServices>(commandLine.midiApi, settings);
     auto delegate = std::make_unique<AppDelegate>(settings, desktop->services());
+    delegate->connectThisRun = commandLine.connect;
     // From here on SIGINT, SIGTERM and SIGHUP end Plinkora through the orderly shut-down (once
     // the event loop runs).
     TerminationSignals terminationSignals;
