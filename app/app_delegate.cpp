@@ -135,7 +135,10 @@ void AppDelegate::makeConnections()
     patchbay = services_.makePatchbay ? services_.makePatchbay(backend) : nullptr;
     if (!patchbay)
         patchbay = std::make_unique<NullPatchbay>();
-    if (dynamic_cast<NullPatchbay*>(patchbay.get()))
+    // Without a patchbay on a real MIDI system, connections made by other programs cannot be
+    // seen: whether anything will sound is not known.
+    const bool connectionsUnknown = dynamic_cast<NullPatchbay*>(patchbay.get()) && backend.apiName() != "null";
+    if (connectionsUnknown)
         printLine("MIDI connections: none can be made on " + std::string(backend.apiName()));
     SynthControl* synth = services_.synthControl ? services_.synthControl() : nullptr;
 
@@ -147,6 +150,7 @@ void AppDelegate::makeConnections()
         if (window)
             window->showConnectionStatus(connectionKeeper->statusText());
     };
+    connectionKeeper->connectionsVisible = !connectionsUnknown;
     connect(connectionKeeper.get(), &ConnectionKeeper::changed, this, showStatus);
     connectionKeeper->start(connectThisRun);
     showStatus();

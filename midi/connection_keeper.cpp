@@ -5,7 +5,7 @@
 #include "synth/synth_control.h"
 
 #include <QMetaObject>
-#include <QPointer>
+#include <QTimer>
 
 #include <algorithm>
 
@@ -72,7 +72,8 @@ void ConnectionKeeper::start(const std::vector<std::string>& connectThisRun)
             cannotConnect(wanted, "there is no such MIDI input now; PLK is connected to it when it appears");
     }
 
-    QMetaObject::invokeMethod(this, &ConnectionKeeper::checkSomethingSounds, Qt::QueuedConnection);
+    if (connectionsVisible)
+        QTimer::singleShot(silenceCheckDelayMs, this, &ConnectionKeeper::checkSomethingSounds);
 }
 
 void ConnectionKeeper::scheduleRefresh()
@@ -195,10 +196,10 @@ QString ConnectionKeeper::statusText() const
         names << QLatin1String(kSynthName);
     for (const MidiDestination& destination : connections_)
         names << nameOf(destination);
-    text += QStringLiteral("port PLK:PLK, ");
-    if (names.isEmpty())
-        return text + QStringLiteral("not connected");
-    return text + QStringLiteral("connected to ") + names.join(QStringLiteral(", "));
+    text += QStringLiteral("port PLK:PLK");
+    if (!names.isEmpty())
+        return text + QStringLiteral(", connected to ") + names.join(QStringLiteral(", "));
+    return connectionsVisible ? text + QStringLiteral(", not connected") : text;
 }
 
 void ConnectionKeeper::checkSomethingSounds()

@@ -68,7 +68,7 @@ public:
     /// Reads the remembered connections, adds `connectThisRun` (from --connect: kept for this
     /// run, not remembered) and connects every one that is there. A name from the command line
     /// that is not there gets one line and an announcement; it is connected when it appears.
-    /// Then, on the next turn of the event loop, the check whether anything will sound.
+    /// Then, silenceCheckDelayMs later, the check whether anything will sound.
     void start(const std::vector<std::string>& connectThisRun = {});
 
     /// The list as shown: the synthesizer first, then the MIDI inputs of the system in the
@@ -79,6 +79,14 @@ public:
     /// forget). For the synthesizer: its mode on or off. A destination that is no longer there
     /// gets one line and an announcement. True when the choice took effect.
     bool setConnected(const QString& name, bool connected);
+
+    /// How long after start() the check whether anything will sound waits: patchbays and
+    /// session managers often connect a new port within moments, and the built-in synthesizer
+    /// opens its audio output meanwhile.
+    int silenceCheckDelayMs = 2000;
+    /// False when PLK's connections cannot be seen (no patchbay for this MIDI system): the
+    /// status then claims no connection either way, and there is no such check.
+    bool connectionsVisible = true;
 
     /// The remembered names, as stored.
     QStringList remembered() const;

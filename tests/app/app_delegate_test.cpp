@@ -131,7 +131,9 @@ protected:
             EXPECT_NE(label, nullptr);
             EXPECT_EQ(label, delegate->window->announcementLabel());
         };
-        s.makePatchbay = [this](MidiBackend&) {
+        s.makePatchbay = [this](MidiBackend&) -> std::unique_ptr<MidiPatchbay> {
+            if (!withPatchbay)
+                return nullptr;
             auto fake = std::make_unique<FakePatchbay>();
             fake->present = inputs;
             patchbay = fake.get();
@@ -162,6 +164,7 @@ protected:
     RecordingAnnouncer* announcer = nullptr;
     bool failClient = false;
     std::vector<MidiDestination> inputs; // the MIDI inputs of the system at launch
+    bool withPatchbay = false; // else the connections cannot be seen (a null patchbay)
     FakePatchbay* patchbay = nullptr;
     StubSynthControl synth;
     bool withSynth = false;
@@ -431,6 +434,7 @@ TEST_F(AppDelegateTest, SigintSigtermAndSighupQuitThroughTheSameTermination)
 
 TEST_F(AppDelegateTest, TheLaunchRestoresTheRememberedConnectionsAndShowsThemInTheStatusBar)
 {
+    withPatchbay = true;
     inputs = {{"fluidsynth", "midi_00"}, {"sampler", "in_1"}};
     settings.setStringList({"fluidsynth:midi_00"}, QString::fromLatin1(ConnectionKeeper::kConnectionsKey));
     launch();
@@ -450,6 +454,7 @@ TEST_F(AppDelegateTest, TheLaunchRestoresTheRememberedConnectionsAndShowsThemInT
 
 TEST_F(AppDelegateTest, WhenNothingWillSoundTheLaunchSaysSoOnce)
 {
+    withPatchbay = true;
     withSynth = true;
     synth.setMode(SynthMode::Off);
     launch();
@@ -460,6 +465,7 @@ TEST_F(AppDelegateTest, WhenNothingWillSoundTheLaunchSaysSoOnce)
 
 TEST_F(AppDelegateTest, ConnectFromTheCommandLineAndThePreferencesListTheInputs)
 {
+    withPatchbay = true;
     inputs = {{"fluidsynth", "midi_00"}};
     delegate = std::make_unique<AppDelegate>(settings, services());
     delegate->connectThisRun = {"fluidsynth"};
@@ -474,4 +480,13 @@ TEST_F(AppDelegateTest, ConnectFromTheCommandLineAndThePreferencesListTheInputs)
     ASSERT_NE(view, nullptr);
     ASSERT_EQ(view->list()->count(), 1);
     EXPECT_EQ(view->list()->item(0)->checkState(), Qt::Checked);
+}
+
+TEST_F(AppDelegateTest, WithoutAPatchbayNoConnectionIsClaimedEitherWay)
+{
+    launch();
+    EXPECT_EQ(patchbay, nullptr);
+    ASSERT_TRUE(delegate->connectionKeeper);
+    EXPECT_FALSE(delegate->connectionKeeper->connectionsVisible);
+    EXPECT_EQ(delegate->window->connectionStatusLabel()->text(), "MIDI: recording, port PLK:PLK");
 }

@@ -27,6 +27,7 @@ protected:
     ConnectionsViewTest()
     {
         patchbay.present = {kFluid, kSampler};
+        keeper.connectionsVisible = false;
         keeper.start();
         QCoreApplication::processEvents();
         heard.clear();
