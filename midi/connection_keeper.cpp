@@ -191,11 +191,7 @@ QString ConnectionKeeper::statusText() const
     QString text = QStringLiteral("MIDI: %1, ").arg(midiSystem_);
     if (!published_)
         return text + QStringLiteral("no port");
-    QStringList names;
-    if (synthWasHeard_)
-        names << QLatin1String(kSynthName);
-    for (const MidiDestination& destination : connections_)
-        names << nameOf(destination);
+    const QStringList names = connectedNames();
     text += QStringLiteral("port PLK:PLK");
     if (!names.isEmpty())
         return text + QStringLiteral(", connected to ") + names.join(QStringLiteral(", "));
@@ -207,7 +203,10 @@ void ConnectionKeeper::checkSomethingSounds()
     if (checkedSomethingSounds_)
         return;
     checkedSomethingSounds_ = true;
-    if (connections_.empty() && !synthHeard())
+    const QStringList names = connectedNames();
+    printLine("Connections at start: "
+              + (names.isEmpty() ? std::string("none, nothing will sound") : names.join(QStringLiteral(", ")).toStdString()));
+    if (names.isEmpty())
         announce_(QStringLiteral("Nothing is connected to PLK"));
 }
 
@@ -237,6 +236,16 @@ bool ConnectionKeeper::isWanted(const MidiDestination& destination, const std::v
     const auto wants = [&](const QString& wanted) { return matches(wanted, destination, all); };
     const QStringList names = remembered();
     return std::any_of(names.begin(), names.end(), wants) || std::any_of(thisRun_.begin(), thisRun_.end(), wants);
+}
+
+QStringList ConnectionKeeper::connectedNames() const
+{
+    QStringList names;
+    if (synthWasHeard_)
+        names << QLatin1String(kSynthName);
+    for (const MidiDestination& destination : connections_)
+        names << nameOf(destination);
+    return names;
 }
 
 bool ConnectionKeeper::synthHeard() const

@@ -95,8 +95,9 @@ public:
     /// "MIDI: jack, port PLK:PLK, connected to fluidsynth:midi_00".
     QString statusText() const;
 
-    /// Announces "Nothing is connected to PLK" when PLK is connected to nothing and the
-    /// synthesizer is not heard. Does it at most once; later calls do nothing.
+    /// Prints the line "Connections at start: " with what PLK is connected to, and announces
+    /// "Nothing is connected to PLK" when that is nothing (the synthesizer not heard either).
+    /// Does it at most once; later calls do nothing.
     void checkSomethingSounds();
 
     /// Reads the patchbay again: connects remembered inputs that appeared, announces the
@@ -120,6 +121,8 @@ private:
                                                           const std::vector<MidiDestination>& among);
     bool isWanted(const MidiDestination& destination, const std::vector<MidiDestination>& all) const;
     bool synthHeard() const;
+    /// The synthesizer when heard, then the connections, as of the last reading.
+    QStringList connectedNames() const;
     void remember(const QString& name);
     void forget(const MidiDestination& destination);
     void cannotConnect(const QString& name, const std::string& reason);
