@@ -91,16 +91,18 @@ void ConnectionKeeper::refresh()
     std::vector<MidiDestination> destinations = patchbay_.destinations();
     std::vector<MidiDestination> connections = patchbay_.connections();
 
-    // A wanted input that appeared since the last reading is connected again.
+    // A wanted input that is there is connected: at start, when it appears (again), and when
+    // its connection was broken while it stayed.
     bool connectedAny = false;
     for (const MidiDestination& destination : destinations) {
-        if (contains(destinations_, destination) || contains(connections, destination)
-            || !isWanted(destination, destinations))
+        if (contains(connections, destination) || !isWanted(destination, destinations))
             continue;
-        if (patchbay_.connect(destination))
+        if (patchbay_.connect(destination)) {
             connectedAny = true;
-        else
+            refused_.erase(destination.name());
+        } else if (refused_.insert(destination.name()).second) {
             printLine("Cannot connect PLK to " + destination.name() + ": the MIDI service refused");
+        }
     }
     if (connectedAny)
         connections = patchbay_.connections();

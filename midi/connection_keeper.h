@@ -1,6 +1,10 @@
 #pragma once
 
+// Qt 6.4's moc cannot parse the standard library's <concepts>, which <compare> brings in; it
+// needs nothing from this header.
+#ifndef Q_MOC_RUN
 #include "midi/midi_patchbay.h"
+#endif
 
 #include <QObject>
 #include <QString>
@@ -9,6 +13,7 @@
 #include <atomic>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -37,8 +42,9 @@ struct ConnectionEntry
 
 /// Keeps PLK's connections: lists the MIDI inputs of the system, connects PLK to the ones the
 /// user chooses and remembers them by name ("client:port", never by number) in the setting
-/// "Connections"; connects them again at start and whenever a remembered input appears later
-/// (a receiver started, or started again). Announces every connection made or broken, by
+/// "Connections"; connects them again at start, whenever a remembered input appears later (a
+/// receiver started, or started again), and when another program broke such a connection: a
+/// remembered connection is kept while its input is there, until the user unchecks it. Announces every connection made or broken, by
 /// anyone ("Connected to NAME", "NAME disconnected"), and once after start, when nothing at all
 /// will sound, "Nothing is connected to PLK". Main thread only; the patchbay's change calls may
 /// come from any thread and are carried over to the main thread.
@@ -100,7 +106,7 @@ public:
     /// Does it at most once; later calls do nothing.
     void checkSomethingSounds();
 
-    /// Reads the patchbay again: connects remembered inputs that appeared, announces the
+    /// Reads the patchbay again: connects the wanted inputs that are there, announces the
     /// connections made and broken since the last reading, and emits changed().
     void refresh();
 
@@ -139,6 +145,8 @@ private:
     bool synthWasHeard_ = false;
     // Names given with --connect: wanted for this run, never stored.
     QStringList thisRun_;
+    // Inputs whose automatic connection the service refused: one line each until it works.
+    std::set<std::string> refused_;
     bool started_ = false;
     bool checkedSomethingSounds_ = false;
     std::atomic<bool> refreshScheduled_{false};

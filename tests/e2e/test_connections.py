@@ -8,6 +8,7 @@ on jack")."""
 
 import os
 import re
+import subprocess
 import unittest
 
 from desktop import Desktop
@@ -54,6 +55,12 @@ class ConnectionsTest(unittest.TestCase):
         d.wait_until(lambda: len(self.notes(receiver)) >= before + 2, what=f"the note at {receiver.name}")
         self.assertEqual(self.notes(receiver)[before:before + 2], [[NOTE_ON, 48, 100], [NOTE_OFF, 48, 0]])
 
+    def connections_of_plk(self):
+        """The ports PLK:PLK is connected to, as jack_lsp lists them."""
+        listing = subprocess.run(["jack_lsp", "-c", "PLK:PLK"], env=self.desktop.env, capture_output=True,
+                                 text=True, timeout=30).stdout
+        return [line.strip() for line in listing.splitlines()[1:] if line.startswith(" ")]
+
     def config_file(self):
         return os.path.join(self.desktop.env["XDG_CONFIG_HOME"], "Plinkora", "Plinkora.conf")
 
@@ -80,8 +87,11 @@ class ConnectionsTest(unittest.TestCase):
 
         self.listener.stop()
         gone = self.announced(plinkora, f"{self.destination} disconnected")
+        # The old listener has ended: a connection to its name from now on is to the new one.
         self.listener = self.start_listener()
         self.announced(plinkora, f"Connected to {self.destination}", start=gone + 1)
+        self.desktop.wait_until(lambda: self.destination in self.connections_of_plk(),
+                                what=f"PLK:PLK connected to the new {self.destination}")
         self.play_a_and_hear_it_at(self.listener)
 
     def test_a_connection_chosen_with_the_keyboard_is_remembered_after_plinkora_restarts(self):

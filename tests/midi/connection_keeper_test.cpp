@@ -121,6 +121,30 @@ TEST_F(ConnectionKeeperTest, ConnectionsMadeAndBrokenFromOutsideAreAnnouncedButN
     EXPECT_TRUE(stored().isEmpty());
 }
 
+TEST_F(ConnectionKeeperTest, ARememberedConnectionBrokenFromOutsideIsMadeAgain)
+{
+    patchbay.present = {kFluid};
+    remember({"fluidsynth:midi_00"});
+    keeper().start();
+    settle();
+    heard.clear();
+    patchbay.disconnectFromOutside(kFluid);
+    settle();
+    EXPECT_TRUE(patchbay.isConnected(kFluid));
+    EXPECT_TRUE(heard.isEmpty()) << "made again within the same reading: nothing changed for the user";
+}
+
+TEST_F(ConnectionKeeperTest, AReceiverThatEndsAndStartsAgainBetweenTwoReadingsIsConnectedAgain)
+{
+    patchbay.present = {kFluid};
+    remember({"fluidsynth:midi_00"});
+    keeper().start();
+    patchbay.remove(kFluid);
+    patchbay.add(kFluid);
+    settle();
+    EXPECT_TRUE(patchbay.isConnected(kFluid));
+}
+
 TEST_F(ConnectionKeeperTest, AnInputIsFoundByItsClientAloneOnlyWhenThatClientHasOneInput)
 {
     const std::vector<MidiDestination> all{kFluid, kSampler, kSamplerTwo};
@@ -179,6 +203,13 @@ TEST_F(ConnectionKeeperTest, ARefusedConnectionIsAnnouncedAndNotRemembered)
     EXPECT_FALSE(keeper().setConnected("fluidsynth:midi_00", true));
     EXPECT_EQ(heard, QStringList{"Cannot connect to fluidsynth:midi_00"});
     EXPECT_TRUE(stored().isEmpty());
+    // A remembered input the service refuses is tried again at each change, silently.
+    remember({"fluidsynth:midi_00"});
+    const int tries = patchbay.connectCalls;
+    keeper().refresh();
+    keeper().refresh();
+    EXPECT_EQ(patchbay.connectCalls, tries + 2);
+    EXPECT_EQ(heard.size(), 1);
 }
 
 TEST_F(ConnectionKeeperTest, NothingIsConnectedIsSaidOnceAfterStartWhenNothingWillSound)
