@@ -35,9 +35,9 @@ inline constexpr int kExitUsage = 2;
 inline constexpr int kExitNoDisplay = 1;
 
 /// Reads the arguments after the program name. Accepts --help (-h), --version (-v),
-/// --midi-api NAME (or --midi-api=NAME, any case), --connect NAME (or --connect=NAME, repeatable) and Qt's standard options, which are left
-/// for Qt. Anything else, or an unknown MIDI system, gives Action::Fail with one line and exit
-/// code 2.
+/// --midi-api NAME (or --midi-api=NAME, any case), --connect NAME (or --connect=NAME;
+/// repeatable) and Qt's standard options, which are left for Qt. Anything else, or an unknown
+/// MIDI system, gives Action::Fail with one line and exit code 2.
 CommandLine parseCommandLine(const std::vector<std::string>& arguments);
 
 /// The text of --help.

@@ -206,8 +206,8 @@ void ConnectionKeeper::checkSomethingSounds()
         return;
     checkedSomethingSounds_ = true;
     const QStringList names = connectedNames();
-    printLine("Connections at start: "
-              + (names.isEmpty() ? std::string("none, nothing will sound") : names.join(QStringLiteral(", ")).toStdString()));
+    const std::string connected = names.join(QStringLiteral(", ")).toStdString();
+    printLine("Connections at start: " + (names.isEmpty() ? std::string("none, nothing will sound") : connected));
     if (names.isEmpty())
         announce_(QStringLiteral("Nothing is connected to PLK"));
 }

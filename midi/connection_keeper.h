@@ -44,9 +44,10 @@ struct ConnectionEntry
 /// user chooses and remembers them by name ("client:port", never by number) in the setting
 /// "Connections"; connects them again at start, whenever a remembered input appears later (a
 /// receiver started, or started again), and when another program broke such a connection: a
-/// remembered connection is kept while its input is there, until the user unchecks it. Announces every connection made or broken, by
-/// anyone ("Connected to NAME", "NAME disconnected"), and once after start, when nothing at all
-/// will sound, "Nothing is connected to PLK". Main thread only; the patchbay's change calls may
+/// remembered connection is kept while its input is there, until the user unchecks it.
+/// Announces every connection made or broken, by anyone ("Connected to NAME", "NAME
+/// disconnected"), and once after start, when nothing at all will sound, "Nothing is connected
+/// to PLK". Main thread only; the patchbay's change calls may
 /// come from any thread and are carried over to the main thread.
 class ConnectionKeeper final : public QObject
 {

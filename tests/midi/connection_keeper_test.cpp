@@ -26,17 +26,19 @@ protected:
     /// The keeper, made on first use; with the stub synthesizer when `withSynth`.
     ConnectionKeeper& keeper(bool withSynth = false)
     {
-        if (!keeper_)
+        if (!keeper_) {
             keeper_ = std::make_unique<ConnectionKeeper>(
-                patchbay, settings, [this](const QString& text) { heard << text; }, withSynth ? &synth : nullptr, QStringLiteral("jack"),
-                true);
-        keeper_->silenceCheckDelayMs = 0;
+                patchbay, settings, [this](const QString& text) { heard << text; }, withSynth ? &synth : nullptr,
+                QStringLiteral("jack"), true);
+            keeper_->silenceCheckDelayMs = 0;
+        }
         return *keeper_;
     }
     /// Runs the queued calls: the carried-over change calls and the check after start.
     static void settle() { QCoreApplication::processEvents(); }
-    void remember(const QStringList& names) { settings.setStringList(names, QString::fromLatin1(ConnectionKeeper::kConnectionsKey)); }
-    QStringList stored() const { return settings.stringListForKey(QString::fromLatin1(ConnectionKeeper::kConnectionsKey)); }
+    static QString key() { return QString::fromLatin1(ConnectionKeeper::kConnectionsKey); }
+    void remember(const QStringList& names) { settings.setStringList(names, key()); }
+    QStringList stored() const { return settings.stringListForKey(key()); }
 
     QTemporaryDir dir;
     QSettings qsettings{dir.filePath("plinkora.conf"), QSettings::IniFormat};
