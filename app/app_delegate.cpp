@@ -8,7 +8,6 @@
 #include "midi/connection_keeper.h"
 #include "midi/midi_manager.h"
 #include "midi/null_patchbay.h"
-#include "platform/announcement_label.h"
 #include "properties/announcer.h"
 #include "properties/property_manager.h"
 #include "ui/keyboard_view.h"
@@ -123,30 +122,11 @@ void AppDelegate::applicationDidFinishLaunching()
 
     showKeyboard();
 
-    if (services_.attachAnnouncementLabel && keyboardMonitor->propertyManager->speechSynthesizer) {
+    if (services_.attachAnnouncementLabel && keyboardMonitor->propertyManager->speechSynthesizer)
         services_.attachAnnouncementLabel(*keyboardMonitor->propertyManager->speechSynthesizer,
                                           window->announcementLabel());
-        attachedLabel_ = window->announcementLabel();
-    }
 
     makeConnections();
-    // Screen readers present the notifications of the active window: announcements go to the
-    // status bar of the preferences window while it is active.
-    connect(qApp, &QApplication::focusChanged, this, &AppDelegate::attachActiveAnnouncementLabel);
-}
-
-void AppDelegate::attachActiveAnnouncementLabel()
-{
-    if (!services_.attachAnnouncementLabel || !window || !keyboardMonitor
-        || !keyboardMonitor->propertyManager->speechSynthesizer)
-        return;
-    AnnouncementLabel* label = window->announcementLabel();
-    if (preferencesWindow && preferencesWindow->isActiveWindow() && preferencesWindow->announcementLabel())
-        label = preferencesWindow->announcementLabel();
-    if (label == attachedLabel_)
-        return;
-    attachedLabel_ = label;
-    services_.attachAnnouncementLabel(*keyboardMonitor->propertyManager->speechSynthesizer, label);
 }
 
 void AppDelegate::makeConnections()

@@ -113,13 +113,10 @@ signals:
 private:
     void preferencesClosed();
     void makeConnections();
-    void attachActiveAnnouncementLabel();
 
     SettingsStore& settings_;
     AppServices services_;
     std::unique_ptr<KeyEventFilter> keyEventFilter_;
-    // The status-bar label the announcer posts to now.
-    QPointer<AnnouncementLabel> attachedLabel_;
     // Closed preferences windows waiting for their deferred deletion.
     std::vector<QPointer<PreferencesWindow>> closedPreferences_;
     bool launched_ = false;

@@ -3,7 +3,6 @@
 #include "benders/bender_controller.h"
 #include "common/settings_store.h"
 #include "input/function_key_config.h"
-#include "platform/announcement_label.h"
 #include "ui/connections_view.h"
 #include "ui/design_fonts.h"
 #include "ui/preference_controls.h"
@@ -14,7 +13,6 @@
 #include <QLineEdit>
 #include <QListWidget>
 #include <QScreen>
-#include <QStatusBar>
 #include <QVBoxLayout>
 
 #include <cstdio>
@@ -110,17 +108,10 @@ void PreferencesWindow::setupUI()
 
 void PreferencesWindow::setupConnections(ConnectionKeeper& keeper)
 {
-    // Below the function keys: the room under them and the added height, above a status bar.
+    // Below the function keys: the room under them and the added height.
     constexpr int top = kHeight - 100;
-    constexpr int barHeight = 24;
-    auto* bar = new QStatusBar(this);
-    bar->setSizeGripEnabled(false);
-    bar->setGeometry(0, kHeight + kConnectionsHeight - barHeight, kWidth, barHeight);
-    announcementLabel_ = new AnnouncementLabel(bar);
-    bar->addWidget(announcementLabel_, 1);
-
     auto* group = new SettingsGroup(QString::fromLatin1(ConnectionsView::kHeading), this);
-    group->setGeometry(0, top, kWidth, kHeight + kConnectionsHeight - barHeight - top);
+    group->setGeometry(0, top, kWidth, kHeight + kConnectionsHeight - top);
     auto* layout = new QVBoxLayout(group);
     layout->setContentsMargins(0, 0, 0, 0);
     connectionsView_ = new ConnectionsView(keeper, group);

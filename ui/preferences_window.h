@@ -9,7 +9,6 @@ class QLineEdit;
 
 namespace plinkora {
 
-class AnnouncementLabel;
 class BenderController;
 class ConnectionKeeper;
 class ConnectionsView;
@@ -42,7 +41,7 @@ public:
 
     static constexpr int kWidth = 400;
     static constexpr int kHeight = 450;
-    static constexpr int kConnectionsHeight = 180;
+    static constexpr int kConnectionsHeight = 160;
     static constexpr double kMinimumSpeed = 20.0;
     static constexpr double kMaximumSpeed = 500.0;
 
@@ -56,10 +55,6 @@ public:
     SettingsGroup* functionKeyGroup() const { return functionKeyGroup_; }
     /// The Connections section; null without a connection keeper.
     ConnectionsView* connectionsView() const { return connectionsView_; }
-    /// With the Connections section: the window's status bar label that screen readers speak,
-    /// for announcements made while this window is active (a screen reader presents the
-    /// notifications of the active window).
-    AnnouncementLabel* announcementLabel() const { return announcementLabel_; }
 
 signals:
     /// The window was closed (close button, Ctrl+W or close()); the owner may now delete it.
@@ -104,7 +99,6 @@ private:
     QLabel* modSpeedLabel_ = nullptr;
     std::array<QLineEdit*, 4> ccFields_{};
     ConnectionsView* connectionsView_ = nullptr;
-    AnnouncementLabel* announcementLabel_ = nullptr;
 };
 
 } // namespace plinkora
