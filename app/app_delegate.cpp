@@ -7,6 +7,7 @@
 #include "benders/sound_player.h"
 #include "common/diagnostics.h"
 #include "input/keyboard_monitor.h"
+#include "midi/connection_keeper.h"
 #include "midi/midi_manager.h"
 #include "midi/recovering_backend.h"
 #include "properties/announcer.h"
@@ -79,6 +80,12 @@ AppDelegate::~AppDelegate()
     preferencesWindow.reset();
     keyFocusWatch_.reset();
     window.reset();
+    // The keeper announces through the property manager and reads the patchbay; the
+    // synthesizer lets go of its view of the patchbay before the MIDI output goes.
+    connectionKeeper.reset();
+    if (synthReaders_ && services_.followReaders)
+        services_.followReaders(nullptr);
+    synthReaders_.reset();
     keyEventFilter_.reset();
     keyboardMonitor.reset();
     midiManager.reset();
@@ -90,9 +97,21 @@ void AppDelegate::publishMidiPort()
     // is reported by the MIDI output itself and does not stop the start-up.
     if (midiManager)
         return;
-    std::unique_ptr<RecoveringBackend> port = RecoveringBackend::around(services_.makeMidiBackend());
+    // The port's back end is kept through a service that dies and returns; the built-in
+    // synthesizer hears what it sends beside it, and goes on sounding while the port is lost.
+    std::unique_ptr<MidiBackend> backend = services_.makeMidiBackend();
+    std::unique_ptr<RecoveringBackend> port;
+    if (services_.makePatchbay) {
+        std::unique_ptr<MidiPatchbay> patchbay = services_.makePatchbay(*backend);
+        port = std::make_unique<RecoveringBackend>(std::move(backend), std::move(patchbay));
+    } else {
+        port = RecoveringBackend::around(std::move(backend));
+    }
     midiService_ = port.get();
-    midiManager = std::make_unique<MIDIManager>(std::move(port));
+    std::unique_ptr<MidiBackend> output = std::move(port);
+    if (services_.addBuiltInSynth)
+        output = services_.addBuiltInSynth(std::move(output));
+    midiManager = std::make_unique<MIDIManager>(std::move(output));
 }
 
 void AppDelegate::applicationDidFinishLaunching()
@@ -135,6 +154,37 @@ void AppDelegate::applicationDidFinishLaunching()
     if (services_.attachAnnouncementLabel && keyboardMonitor->propertyManager->speechSynthesizer)
         services_.attachAnnouncementLabel(*keyboardMonitor->propertyManager->speechSynthesizer,
                                           window->announcementLabel());
+
+    makeConnections();
+}
+
+void AppDelegate::makeConnections()
+{
+    MidiBackend& backend = *midiService_;
+    MidiPatchbay& patchbay = midiService_->patchbay();
+    // Without a patchbay on a real MIDI system, connections made by other programs cannot be
+    // seen: whether anything will sound is not known.
+    const bool connectionsUnknown = !midiService_->hasPatchbay() && backend.apiName() != "null";
+    if (services_.followReaders) {
+        synthReaders_ = midiService_->patchbayView();
+        services_.followReaders(synthReaders_.get());
+    }
+    if (connectionsUnknown)
+        printLine("MIDI connections: none can be made on " + std::string(backend.apiName()));
+    SynthControl* synth = services_.synthControl ? services_.synthControl() : nullptr;
+
+    PropertyManager* properties = keyboardMonitor->propertyManager.get();
+    connectionKeeper = std::make_unique<ConnectionKeeper>(
+        patchbay, settings_, [properties](const QString& text) { properties->announce(text); }, synth,
+        QString::fromUtf8(backend.apiName()), midiManager->virtualSource != 0);
+    const auto showStatus = [this] {
+        if (window)
+            window->showConnectionStatus(connectionKeeper->statusText());
+    };
+    connectionKeeper->connectionsVisible = !connectionsUnknown;
+    connect(connectionKeeper.get(), &ConnectionKeeper::changed, this, showStatus);
+    connectionKeeper->start(connectThisRun);
+    showStatus();
 }
 
 void AppDelegate::showKeyboard()
@@ -167,7 +217,8 @@ void AppDelegate::showPreferences()
     if (!keyboardMonitor)
         return;
     if (!preferencesWindow) {
-        preferencesWindow = std::make_unique<PreferencesWindow>(*keyboardMonitor->benderController, settings_);
+        preferencesWindow = std::make_unique<PreferencesWindow>(*keyboardMonitor->benderController, settings_,
+                                                                connectionKeeper.get());
         connect(preferencesWindow.get(), &PreferencesWindow::closed, this, &AppDelegate::preferencesClosed);
         if (services_.chooseSoundFont)
             connect(preferencesWindow.get(), &PreferencesWindow::soundFontChosen, this, services_.chooseSoundFont);

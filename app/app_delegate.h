@@ -5,22 +5,26 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace plinkora {
 
 class AnnouncementLabel;
+class ConnectionKeeper;
 class Announcer;
 class KeyEventFilter;
 class KeyFocusWatch;
 class KeyboardMonitor;
 class MainWindow;
 class MidiBackend;
+class MidiPatchbay;
 class MIDIManager;
 class PreferencesWindow;
 class RecoveringBackend;
 class SettingsStore;
 class SoundPlayer;
+class SynthControl;
 
 /// What the application takes from the desktop, each made when the start-up needs it. The
 /// program passes the real ones (desktopServices() in app/desktop_services.h); tests pass fakes.
@@ -36,6 +40,17 @@ struct AppServices
     std::function<void(Announcer&, AnnouncementLabel*)> attachAnnouncementLabel;
     /// A sound font chosen in the preferences, for the built-in synthesizer; ignored when empty.
     std::function<void(const QString&)> chooseSoundFont;
+    /// The connections of the port PLK on the MIDI system of `backend`; when empty, the
+    /// patchbay of that system (none for the null output).
+    std::function<std::unique_ptr<MidiPatchbay>(MidiBackend& backend)> makePatchbay;
+    /// Puts the built-in synthesizer beside the port: the back end returned hands every packet
+    /// to `port` and to the synthesizer. The port alone when empty.
+    std::function<std::unique_ptr<MidiBackend>(std::unique_ptr<MidiBackend> port)> addBuiltInSynth;
+    /// Hands the built-in synthesizer the view of PLK's readers it follows in the auto mode
+    /// (null: stop following, before the view goes). Ignored when empty.
+    std::function<void(MidiPatchbay* readers)> followReaders;
+    /// The built-in synthesizer's control, owned by the services; none when empty or null.
+    std::function<SynthControl*()> synthControl;
     /// Ends the event loop after the termination; QCoreApplication::quit() when empty.
     std::function<void()> quitEventLoop;
 };
@@ -66,6 +81,11 @@ public:
     std::unique_ptr<KeyboardMonitor> keyboardMonitor;
     /// The main window; made by the first showKeyboard() and never cleared.
     std::unique_ptr<MainWindow> window;
+    /// PLK's connections (on midiService()'s patchbay): made at launch after the main window,
+    /// lives until the windows are gone.
+    std::unique_ptr<ConnectionKeeper> connectionKeeper;
+    /// The MIDI inputs given with --connect, connected at launch for this run; set before it.
+    std::vector<std::string> connectThisRun;
     /// The preferences window while it is open; cleared when it closes.
     std::unique_ptr<PreferencesWindow> preferencesWindow;
 
@@ -89,7 +109,8 @@ public slots:
     /// Start-up, in order: MIDI output (the port "PLK" is published, unless publishMidiPort()
     /// did it already), keyboard monitor, the watch of the key focus, key-event filter (stored in the monitor's
     /// localMonitor), main window with its menu bar (showKeyboard), the announcer's status-bar
-    /// label. Needs the QApplication. Runs once.
+    /// label, PLK's connections (restored, and shown in the main window). Needs the
+    /// QApplication. Runs once.
     void applicationDidFinishLaunching();
     /// Shows the main window, making it on first use, brings it to the front and activates it.
     void showKeyboard();
@@ -110,12 +131,14 @@ signals:
 
 private:
     void preferencesClosed();
+    void makeConnections();
 
     SettingsStore& settings_;
     AppServices services_;
     std::unique_ptr<KeyEventFilter> keyEventFilter_;
     std::unique_ptr<KeyFocusWatch> keyFocusWatch_;
     RecoveringBackend* midiService_ = nullptr; // owned by midiManager
+    std::unique_ptr<MidiPatchbay> synthReaders_; // a view of midiService_'s patchbay
     // Closed preferences windows waiting for their deferred deletion.
     std::vector<QPointer<PreferencesWindow>> closedPreferences_;
     bool launched_ = false;

@@ -121,6 +121,12 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments)
             result.soundFont = std::string(*value);
             continue;
         }
+        if (const std::optional<std::string_view> value = optionValue(arguments, i, "connect", missing)) {
+            if (missing || value->empty())
+                return failure("--connect needs the name of a MIDI input, as client:port or client");
+            result.connect.emplace_back(*value);
+            continue;
+        }
         if (argument.starts_with("-") && argument.size() > 1) {
             std::string_view name = withoutDashes(argument);
             const std::size_t equals = name.find('=');
@@ -148,6 +154,7 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments)
 std::string helpText()
 {
     return "Usage: plinkora [--midi-api NAME] [--synth auto|on|off] [--soundfont FILE]\n"
+           "                [--connect NAME]...\n"
            "Plays the computer keyboard as a MIDI controller on the virtual MIDI port \"PLK\".\n"
            "\n"
            "Options:\n"
@@ -163,6 +170,9 @@ std::string helpText()
           "  --soundfont FILE the General MIDI sound font (.sf2 or .sf3) the built-in\n"
           "                   synthesizer plays; remembered as the setting \"SoundFont\".\n"
           "                   Default: FluidR3_GM when installed, else TimGM6mb.\n"
+          "  --connect NAME   connect PLK to the MIDI input NAME (client:port, or the client\n"
+          "                   alone when it has one input) for this run; repeatable. It is\n"
+          "                   connected when it appears if it is not there yet.\n"
           "  -h, --help       show this help and exit\n"
           "  -v, --version    show the version and exit\n"
           "\n"

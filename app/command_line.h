@@ -27,6 +27,8 @@ struct CommandLine
     std::optional<SynthMode> synthMode;
     /// The sound font given with --soundfont, as written; empty when not given.
     std::optional<std::string> soundFont;
+    /// The MIDI inputs named by --connect (repeatable), connected for this run only.
+    std::vector<std::string> connect;
     /// Whether Qt's own -platform option was given (it chooses the display like QT_QPA_PLATFORM).
     bool platformOption = false;
     std::string text;
@@ -39,9 +41,10 @@ inline constexpr int kExitUsage = 2;
 inline constexpr int kExitNoDisplay = 1;
 
 /// Reads the arguments after the program name. Accepts --help (-h), --version (-v),
-/// --midi-api NAME (or --midi-api=NAME, any case), --synth auto|on|off, --soundfont FILE and Qt's
-/// standard options, which are left for Qt. Anything else, or an unknown MIDI system, gives Action::Fail with one line and exit
-/// code 2.
+/// --midi-api NAME (or --midi-api=NAME, any case), --synth auto|on|off, --soundfont FILE,
+/// --connect NAME (repeatable; each also as --option=VALUE) and Qt's standard options, which are
+/// left for Qt. Anything else, or an unknown MIDI system, gives Action::Fail with one line and
+/// exit code 2.
 CommandLine parseCommandLine(const std::vector<std::string>& arguments);
 
 /// The text of --help.

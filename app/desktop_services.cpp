@@ -51,6 +51,12 @@ AppServices DesktopServices::services()
         if (synth_)
             synth_->setSoundFont(path.toStdString());
     };
+    services.addBuiltInSynth = [this](std::unique_ptr<MidiBackend> port) { return addBuiltInSynth(std::move(port)); };
+    services.followReaders = [this](MidiPatchbay* readers) {
+        if (synth_)
+            synth_->setPatchbay(readers);
+    };
+    services.synthControl = [this]() -> SynthControl* { return synth_.get(); };
     services.attachAnnouncementLabel = [](Announcer& announcer, AnnouncementLabel* label) {
         if (auto* desktop = dynamic_cast<DesktopAnnouncer*>(&announcer))
             desktop->setLabel(label);
@@ -74,10 +80,15 @@ std::unique_ptr<MidiBackend> DesktopServices::makeMidiBackend()
                   + settings_.fileName().toStdString() + ": " + error);
         backend = chooseBackend({}, error);
     }
+    return backend;
+}
+
+std::unique_ptr<MidiBackend> DesktopServices::addBuiltInSynth(std::unique_ptr<MidiBackend> port)
+{
     // The built-in synthesizer hears what the port sends; its sound font loads on a worker.
     synth_ = std::make_unique<BuiltInSynth>(settings_, std::move(synthOptions_));
     synth_->start();
-    return std::make_unique<FanOutBackend>(std::move(backend), synth_.get());
+    return std::make_unique<FanOutBackend>(std::move(port), synth_.get());
 }
 
 std::unique_ptr<Announcer> DesktopServices::makeAnnouncer()

@@ -39,6 +39,8 @@ public:
 
 private:
     std::unique_ptr<MidiBackend> makeMidiBackend();
+    /// Makes the built-in synthesizer and a fan-out that hands every packet to `port` and to it.
+    std::unique_ptr<MidiBackend> addBuiltInSynth(std::unique_ptr<MidiBackend> port);
     std::unique_ptr<Announcer> makeAnnouncer();
 
     std::optional<std::string> midiApi_;

@@ -77,6 +77,7 @@ int main(int argc, char** argv)
     auto desktop = std::make_unique<DesktopServices>(commandLine.midiApi, settings,
                                                      BuiltInSynth::Options{commandLine.synthMode, commandLine.soundFont, {}});
     auto delegate = std::make_unique<AppDelegate>(settings, desktop->services());
+    delegate->connectThisRun = commandLine.connect;
     // From here on SIGINT, SIGTERM and SIGHUP end Plinkora through the orderly shut-down (once
     // the event loop runs).
     TerminationSignals terminationSignals;

@@ -52,6 +52,17 @@ void SettingsStore::setString(const QString& value, const QString& key)
     settings_.sync();
 }
 
+QStringList SettingsStore::stringListForKey(const QString& key) const
+{
+    return settings_.value(key).toStringList();
+}
+
+void SettingsStore::setStringList(const QStringList& value, const QString& key)
+{
+    settings_.setValue(key, value);
+    settings_.sync();
+}
+
 QString SettingsStore::fileName() const
 {
     return settings_.fileName();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 #include <cstdint>
 
@@ -30,6 +31,10 @@ public:
     void setInteger(std::int64_t value, const QString& key);
     void setDouble(double value, const QString& key);
     void setString(const QString& value, const QString& key);
+
+    /// The list of texts under `key` (the remembered connections); empty when absent.
+    QStringList stringListForKey(const QString& key) const;
+    void setStringList(const QStringList& value, const QString& key);
 
     /// Path of the settings file, named in fatal errors.
     QString fileName() const;

@@ -173,8 +173,7 @@ void RecoveringBackend::retry()
     pending_ = remembered_;
     connectPending();
     tell("MIDI output back: ", "MIDI output back");
-    if (userChanged_)
-        userChanged_();
+    tellViews();
 }
 
 void RecoveringBackend::connectPending()
@@ -199,8 +198,26 @@ void RecoveringBackend::connectionsChanged()
                 now.push_back(destination);
         remembered_ = std::move(now);
     }
-    if (userChanged_)
-        userChanged_();
+    tellViews();
+}
+
+bool RecoveringBackend::hasPatchbay() const
+{
+    return dynamic_cast<const NullPatchbay*>(patchbay_.get()) == nullptr;
+}
+
+std::unique_ptr<MidiPatchbay> RecoveringBackend::patchbayView()
+{
+    return std::make_unique<ForwardingPatchbay>(*this);
+}
+
+void RecoveringBackend::tellViews() const
+{
+    // A callback may make or drop a view: walk a copy.
+    const std::vector<ForwardingPatchbay*> views = views_;
+    for (const ForwardingPatchbay* view : views)
+        if (std::find(views_.begin(), views_.end(), view) != views_.end())
+            view->changed();
 }
 
 void RecoveringBackend::tell(std::string_view line, std::string_view announcement)

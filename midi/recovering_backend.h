@@ -55,9 +55,15 @@ public:
     void watch(std::function<void(std::string_view text)> announce);
 
     /// The patchbay of the service, for the connections of PLK shown to the user. Its change
-    /// callback is also called (on the main thread) when PLK is back.
+    /// callback is called on the main thread, also when PLK is back.
     MidiPatchbay& patchbay() { return forwarding_; }
+    /// Another view of the same patchbay with a change callback of its own, for a second part
+    /// that follows PLK's readers (the built-in synthesizer). Must not outlive this back end.
+    std::unique_ptr<MidiPatchbay> patchbayView();
 
+    /// False where the service has no patchbay (the null output): PLK's connections cannot
+    /// be seen there.
+    bool hasPatchbay() const;
     /// True from the loss until PLK is published again.
     bool serviceLost() const { return lost_.load(std::memory_order_acquire); }
     /// The destinations PLK is to be connected to after a loss.
@@ -69,7 +75,10 @@ private:
     class ForwardingPatchbay final : public MidiPatchbay
     {
     public:
-        explicit ForwardingPatchbay(RecoveringBackend& owner) : owner_(owner) {}
+        explicit ForwardingPatchbay(RecoveringBackend& owner) : owner_(owner) { owner_.views_.push_back(this); }
+        ~ForwardingPatchbay() override { std::erase(owner_.views_, this); }
+        ForwardingPatchbay(const ForwardingPatchbay&) = delete;
+        ForwardingPatchbay& operator=(const ForwardingPatchbay&) = delete;
         std::vector<MidiDestination> destinations() override { return owner_.patchbay_->destinations(); }
         std::vector<MidiDestination> connections() override { return owner_.patchbay_->connections(); }
         bool sourcePublished() override { return owner_.patchbay_->sourcePublished(); }
@@ -81,10 +90,16 @@ private:
         {
             return owner_.patchbay_->disconnect(destination);
         }
-        void setChangeCallback(std::function<void()> changed) override { owner_.userChanged_ = std::move(changed); }
+        void setChangeCallback(std::function<void()> changed) override { changed_ = std::move(changed); }
+        void changed() const
+        {
+            if (changed_)
+                changed_();
+        }
 
     private:
         RecoveringBackend& owner_;
+        std::function<void()> changed_;
     };
 
     void serviceLostNotice(); // any thread
@@ -93,11 +108,12 @@ private:
     void connectionsChanged();
     void connectPending();
     void tell(std::string_view line, std::string_view announcement);
+    void tellViews() const;
 
     std::unique_ptr<MidiBackend> port_;
     std::unique_ptr<MidiPatchbay> patchbay_;
+    std::vector<ForwardingPatchbay*> views_; // every view made, told of each change
     ForwardingPatchbay forwarding_{*this};
-    std::function<void()> userChanged_;
     std::function<void(std::string_view)> announce_;
     std::string clientName_;
     std::string sourceName_;

@@ -5,6 +5,7 @@
 
 #include <QAction>
 #include <QCloseEvent>
+#include <QLabel>
 #include <QLayout>
 #include <QMenu>
 #include <QMenuBar>
@@ -27,6 +28,12 @@ MainWindow::MainWindow(KeyboardMonitor& keyboardMonitor)
     bar->setSizeGripEnabled(true);
     announcementLabel_ = new AnnouncementLabel(bar);
     bar->addWidget(announcementLabel_, 1);
+    // On the right, where the announcements leave it room; it never widens the window.
+    connectionStatusLabel_ = new QLabel(bar);
+    connectionStatusLabel_->setTextFormat(Qt::PlainText);
+    connectionStatusLabel_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    connectionStatusLabel_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    bar->addPermanentWidget(connectionStatusLabel_, 1);
 
     fitContentArea();
     // Centred on the screen.
@@ -35,6 +42,12 @@ MainWindow::MainWindow(KeyboardMonitor& keyboardMonitor)
 }
 
 MainWindow::~MainWindow() = default;
+
+void MainWindow::showConnectionStatus(const QString& text)
+{
+    connectionStatusLabel_->setText(text);
+    connectionStatusLabel_->setToolTip(text);
+}
 
 void MainWindow::buildMenu()
 {

@@ -5,6 +5,7 @@
 #include <memory>
 
 class QAction;
+class QLabel;
 class QMenu;
 class QMenuBar;
 
@@ -36,6 +37,11 @@ public:
     /// The status bar's label that screen readers speak (accessible role Notification).
     AnnouncementLabel* announcementLabel() const { return announcementLabel_; }
     /// The menu "Plinkora" (on macOS its entries go to the application menu).
+    /// The status bar's line about the MIDI system, the port and its connections (a screen
+    /// reader's "read the status bar" says it).
+    QLabel* connectionStatusLabel() const { return connectionStatusLabel_; }
+    /// Shows `text` in that line, e.g. "MIDI: jack, port PLK:PLK, connected to fluidsynth:midi_00".
+    void showConnectionStatus(const QString& text);
     QMenu* applicationMenu() const { return applicationMenu_; }
     QAction* aboutAction() const { return aboutAction_; }
     QAction* preferencesAction() const { return preferencesAction_; }
@@ -60,6 +66,7 @@ private:
 
     KeyboardView* keyboardView_ = nullptr;
     AnnouncementLabel* announcementLabel_ = nullptr;
+    QLabel* connectionStatusLabel_ = nullptr;
     QMenu* applicationMenu_ = nullptr;
     QAction* aboutAction_ = nullptr;
     QAction* preferencesAction_ = nullptr;

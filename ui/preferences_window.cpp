@@ -4,6 +4,7 @@
 #include "common/settings_store.h"
 #include "input/function_key_config.h"
 #include "synth/built_in_synth.h"
+#include "ui/connections_view.h"
 #include "ui/design_fonts.h"
 #include "ui/preference_controls.h"
 
@@ -14,7 +15,9 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QListWidget>
 #include <QScreen>
+#include <QVBoxLayout>
 
 #include <cstdio>
 #include <optional>
@@ -51,7 +54,8 @@ constexpr int kFunctionKeyGroupHeight = 162;
 
 } // namespace
 
-PreferencesWindow::PreferencesWindow(BenderController& benderController, SettingsStore& settings)
+PreferencesWindow::PreferencesWindow(BenderController& benderController, SettingsStore& settings,
+                                     ConnectionKeeper* connections)
     : QWidget(nullptr, Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint | Qt::WindowSystemMenuHint
                            | Qt::WindowCloseButtonHint)
     , benderController_(benderController)
@@ -59,15 +63,17 @@ PreferencesWindow::PreferencesWindow(BenderController& benderController, Setting
 {
     setWindowTitle(QStringLiteral("Preferences"));
     // Titled and closable, neither resizable nor minimisable.
-    setFixedSize(kWidth, kHeight);
+    setFixedSize(kWidth, connections ? kHeight + kConnectionsHeight : kHeight);
     // Closing hides the window; its owner deletes it when told by `closed`.
     setAttribute(Qt::WA_DeleteOnClose, false);
     setBackgroundRole(QPalette::Window);
     setAutoFillBackground(true);
     setupUI();
+    if (connections)
+        setupConnections(*connections);
     // Centred on the screen.
     if (const QScreen* where = screen())
-        move(where->availableGeometry().center() - QPoint(kWidth / 2, kHeight / 2));
+        move(where->availableGeometry().center() - QPoint(kWidth / 2, height() / 2));
 }
 
 PreferencesWindow::~PreferencesWindow()
@@ -81,6 +87,8 @@ PreferencesWindow::~PreferencesWindow()
         field->disconnect(this);
         field->removeEventFilter(this);
     }
+    if (connectionsView_)
+        connectionsView_->list()->removeEventFilter(this);
 }
 
 void PreferencesWindow::setupUI()
@@ -102,6 +110,21 @@ void PreferencesWindow::setupUI()
     modSpeedSlider_->installEventFilter(this);
     for (QLineEdit* field : ccFields_)
         field->installEventFilter(this);
+}
+
+void PreferencesWindow::setupConnections(ConnectionKeeper& keeper)
+{
+    // Below the function keys: the room under them and the added height.
+    constexpr int top = kHeight - 100;
+    auto* group = new SettingsGroup(QString::fromLatin1(ConnectionsView::kHeading), this);
+    group->setGeometry(0, top, kWidth, kHeight + kConnectionsHeight - top);
+    auto* layout = new QVBoxLayout(group);
+    layout->setContentsMargins(0, 0, 0, 0);
+    connectionsView_ = new ConnectionsView(keeper, group);
+    layout->addWidget(connectionsView_);
+
+    setTabOrder(ccFields_.back(), connectionsView_->list());
+    connectionsView_->list()->installEventFilter(this);
 }
 
 void PreferencesWindow::setupBenderGroup()

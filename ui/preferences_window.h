@@ -11,6 +11,8 @@ class QPushButton;
 namespace plinkora {
 
 class BenderController;
+class ConnectionKeeper;
+class ConnectionsView;
 class SettingsGroup;
 class SettingsStore;
 class SpeedSlider;
@@ -27,7 +29,10 @@ class PreferencesWindow final : public QWidget
 public:
     /// Builds the window with the controller's speeds and the stored controller numbers of this
     /// moment. A stored controller number outside 0 to 255 stops the program.
-    PreferencesWindow(BenderController& benderController, SettingsStore& settings);
+    /// With `connections`, the window is kConnectionsHeight taller and shows the Connections
+    /// section below the function keys.
+    PreferencesWindow(BenderController& benderController, SettingsStore& settings,
+                      ConnectionKeeper* connections = nullptr);
     ~PreferencesWindow() override;
 
     PreferencesWindow() = delete;
@@ -37,6 +42,7 @@ public:
 
     static constexpr int kWidth = 400;
     static constexpr int kHeight = 450;
+    static constexpr int kConnectionsHeight = 160;
     static constexpr double kMinimumSpeed = 20.0;
     static constexpr double kMaximumSpeed = 500.0;
 
@@ -52,6 +58,8 @@ public:
     QLabel* soundFontLabel() const { return soundFontLabel_; }
     /// Shows `path` as the built-in synthesizer's sound font (what choosing one does, too).
     void showSoundFont(const QString& path);
+    /// The Connections section; null without a connection keeper.
+    ConnectionsView* connectionsView() const { return connectionsView_; }
 
 signals:
     /// The window was closed (close button, Ctrl+W or close()); the owner may now delete it.
@@ -79,6 +87,7 @@ private:
     void setupFunctionKeyGroup();
     void setupSoundFontRow();
     void chooseSoundFont();
+    void setupConnections(ConnectionKeeper& keeper);
     /// Applies the text of field `index` by the function keys' write rule.
     void ccChanged(int index);
     /// Commits field `index` when the user edited it since it was last filled or committed.
@@ -100,6 +109,7 @@ private:
     QPushButton* soundFontButton_ = nullptr;
     QLabel* soundFontLabel_ = nullptr;
     std::array<QLineEdit*, 4> ccFields_{};
+    ConnectionsView* connectionsView_ = nullptr;
 };
 
 } // namespace plinkora

@@ -26,6 +26,8 @@ STATES = {
     pyatspi.STATE_VISIBLE: "visible",
     pyatspi.STATE_ACTIVE: "active",
     pyatspi.STATE_EDITABLE: "editable",
+    pyatspi.STATE_CHECKABLE: "checkable",
+    pyatspi.STATE_CHECKED: "checked",
 }
 MAX_DEPTH = 30
 

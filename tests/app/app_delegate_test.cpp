@@ -8,14 +8,19 @@
 #include "common/settings_store.h"
 #include "input/keyboard_monitor.h"
 #include "key_delivery.h"
+#include "midi/connection_keeper.h"
 #include "midi/midi_manager.h"
 #include "midi/recording_backend.h"
+#include "support/fake_patchbay.h"
 #include "support/fakes.h"
+#include "ui/connections_view.h"
 #include "ui/keyboard_view.h"
 #include "ui/main_window.h"
 #include "ui/preferences_window.h"
 
 #include <QAction>
+#include <QLabel>
+#include <QListWidget>
 #include <QDeadlineTimer>
 #include <QThread>
 #include <QMenu>
@@ -127,6 +132,15 @@ protected:
             EXPECT_NE(label, nullptr);
             EXPECT_EQ(label, delegate->window->announcementLabel());
         };
+        s.makePatchbay = [this](MidiBackend&) -> std::unique_ptr<MidiPatchbay> {
+            if (!withPatchbay)
+                return nullptr;
+            auto fake = std::make_unique<FakePatchbay>();
+            fake->present = inputs;
+            patchbay = fake.get();
+            return fake;
+        };
+        s.synthControl = [this]() -> SynthControl* { return withSynth ? &synth : nullptr; };
         s.quitEventLoop = [this] { ++quits; };
         return s;
     }
@@ -150,6 +164,11 @@ protected:
     RecordingSoundPlayer* sounds = nullptr;
     RecordingAnnouncer* announcer = nullptr;
     bool failClient = false;
+    std::vector<MidiDestination> inputs; // the MIDI inputs of the system at launch
+    bool withPatchbay = false; // else the connections cannot be seen (a null patchbay)
+    FakePatchbay* patchbay = nullptr;
+    StubSynthControl synth;
+    bool withSynth = false;
     int quits = 0;
     std::vector<std::string> log;
     std::unique_ptr<AppDelegate> delegate;
@@ -506,4 +525,64 @@ TEST_F(AppDelegateTest, ShiftLetGoInAnotherProgramDoesNotSustainAtTheNextModifie
     // THEN no sustain
     EXPECT_TRUE(sent().empty());
     EXPECT_EQ(delegate->keyEventFilter()->heldModifierFlags(), 0u);
+}
+
+TEST_F(AppDelegateTest, TheLaunchRestoresTheRememberedConnectionsAndShowsThemInTheStatusBar)
+{
+    withPatchbay = true;
+    inputs = {{"fluidsynth", "midi_00"}, {"sampler", "in_1"}};
+    settings.setStringList({"fluidsynth:midi_00"}, QString::fromLatin1(ConnectionKeeper::kConnectionsKey));
+    launch();
+    ASSERT_NE(patchbay, nullptr);
+    EXPECT_TRUE(patchbay->isConnected({"fluidsynth", "midi_00"}));
+    EXPECT_EQ(delegate->window->connectionStatusLabel()->text(),
+              "MIDI: recording, port PLK:PLK, connected to fluidsynth:midi_00");
+    ASSERT_TRUE(waitUntil([this] { return !announcer->posted.isEmpty(); }, 5000));
+    EXPECT_EQ(announcer->posted, QStringList{"Connected to fluidsynth:midi_00"});
+
+    // The status follows connections made elsewhere.
+    // (the change reaches the keeper through the MIDI output's queued hop to the main thread)
+    patchbay->connectFromOutside({"sampler", "in_1"});
+    const QString both = "MIDI: recording, port PLK:PLK, connected to fluidsynth:midi_00, sampler:in_1";
+    EXPECT_TRUE(waitUntil([&] { return delegate->window->connectionStatusLabel()->text() == both; }, 5000));
+    EXPECT_EQ(delegate->window->connectionStatusLabel()->text(), both);
+}
+
+TEST_F(AppDelegateTest, WhenNothingWillSoundTheLaunchSaysSoOnce)
+{
+    withPatchbay = true;
+    withSynth = true;
+    synth.setMode(SynthMode::Off);
+    launch();
+    ASSERT_TRUE(waitUntil([this] { return !announcer->posted.isEmpty(); }, 5000));
+    EXPECT_EQ(announcer->posted, QStringList{"Nothing is connected to PLK"});
+    EXPECT_EQ(delegate->window->connectionStatusLabel()->text(), "MIDI: recording, port PLK:PLK, not connected");
+}
+
+TEST_F(AppDelegateTest, ConnectFromTheCommandLineAndThePreferencesListTheInputs)
+{
+    withPatchbay = true;
+    inputs = {{"fluidsynth", "midi_00"}};
+    delegate = std::make_unique<AppDelegate>(settings, services());
+    delegate->connectThisRun = {"fluidsynth"};
+    delegate->applicationDidFinishLaunching();
+    ASSERT_NE(patchbay, nullptr);
+    EXPECT_TRUE(patchbay->isConnected({"fluidsynth", "midi_00"}));
+    EXPECT_TRUE(settings.stringListForKey(QString::fromLatin1(ConnectionKeeper::kConnectionsKey)).isEmpty());
+
+    delegate->showPreferences();
+    ASSERT_TRUE(delegate->preferencesWindow);
+    ConnectionsView* view = delegate->preferencesWindow->connectionsView();
+    ASSERT_NE(view, nullptr);
+    ASSERT_EQ(view->list()->count(), 1);
+    EXPECT_EQ(view->list()->item(0)->checkState(), Qt::Checked);
+}
+
+TEST_F(AppDelegateTest, WithoutAPatchbayNoConnectionIsClaimedEitherWay)
+{
+    launch();
+    EXPECT_EQ(patchbay, nullptr);
+    ASSERT_TRUE(delegate->connectionKeeper);
+    EXPECT_FALSE(delegate->connectionKeeper->connectionsVisible);
+    EXPECT_EQ(delegate->window->connectionStatusLabel()->text(), "MIDI: recording, port PLK:PLK");
 }

@@ -148,3 +148,19 @@ TEST(CommandLine, HelpExplainsTheBuiltInSynthesizerOptions)
     EXPECT_NE(help.find("--soundfont FILE"), std::string::npos);
     EXPECT_NE(help.find("TimGM6mb"), std::string::npos);
 }
+
+TEST(CommandLine, ConnectNamesAMidiInputAndMayBeRepeated)
+{
+    const CommandLine line = parse({"--connect", "fluidsynth:midi_00", "--connect=Ardour", "--midi-api", "jack"});
+    EXPECT_EQ(line.action, CommandLine::Action::Run);
+    EXPECT_EQ(line.connect, (std::vector<std::string>{"fluidsynth:midi_00", "Ardour"}));
+    EXPECT_EQ(line.midiApi, "jack");
+
+    for (const std::vector<std::string>& bad : {std::vector<std::string>{"--connect"}, {"--connect="}}) {
+        const CommandLine failed = parse(bad);
+        EXPECT_EQ(failed.action, CommandLine::Action::Fail);
+        EXPECT_EQ(failed.exitCode, kExitUsage);
+        EXPECT_NE(failed.text.find("--connect needs the name of a MIDI input"), std::string::npos);
+    }
+    EXPECT_NE(helpText().find("--connect NAME"), std::string::npos);
+}

@@ -91,7 +91,6 @@ class SynthHeardTest(unittest.TestCase):
         # A plays note 48 (130.8 Hz), K note 60 (261.6 Hz).
         self.assertAlmostEqual(a_pitch, 130.8, delta=130.8 * 0.03)
 
-    @unittest.skip("TODO(lead): enable once Escape sends the panic (another branch adds it)")
     def test_escape_after_a_held_chord_leaves_the_sink_silent_within_200_ms(self):
         with A11yDesktop(with_jack=False) as d:
             pulse = d.start_pulse()
