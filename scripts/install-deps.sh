@@ -18,6 +18,7 @@ tests=(
     dbus dbus-x11 at-spi2-core orca python3-pyatspi
     sox pulseaudio pulseaudio-utils speech-dispatcher-audio-plugins libao4
     x11-utils systemd util-linux procps
+    clang libclang-rt-14-dev python3-xlib
 )
 
 packages=("${build_and_run[@]}")
