@@ -159,6 +159,8 @@ def main():
         exit_code = plinkora.stop(sig=signal.SIGTERM, timeout=30)
         wait_for_count(desktop, len(expected_keys_only) + 2, quiet_seconds=3)
         got = received(desktop)
+        key_lines = sum(1 for line in plinkora.snapshot() if re.match(r"Key event received: type=1[012] ", line))
+        xruns = sum(1 for line in desktop.receiver.stderr_lines if line.endswith(": xrun"))
         display.close()
 
     want = expected_messages(events)
@@ -170,6 +172,9 @@ def main():
     if first_difference is not None:
         print(f"first difference at message {first_difference}: expected {want[first_difference:first_difference + 3]}, "
               f"received {got[first_difference:first_difference + 3]}")
+    # The program prints a line for every key press and release it is given, Return included.
+    print(f"key presses and releases the program was given: {key_lines} (sent {len(events)}, and Return pressed and released at the start)")
+    print(f"xruns JACK reported to the receiver (an xrun can drop MIDI events): {xruns}")
     print(f"ran to the end: {'yes' if still_running else 'no'}; exit code at SIGTERM: {exit_code}")
     if rss_start is not None and rss_end is not None:
         print(f"resident memory: {rss_start} KiB after {warm_up} events, {rss_end} KiB at the end, "
