@@ -24,6 +24,7 @@ tests=(
     sox pulseaudio pulseaudio-utils speech-dispatcher-audio-plugins libao4
     x11-utils systemd util-linux procps
     libx11-dev libxtst-dev x11-xserver-utils jack-keyboard
+    clang libclang-rt-14-dev python3-xlib
 )
 
 packages=("${build_and_run[@]}")

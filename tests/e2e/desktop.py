@@ -114,6 +114,9 @@ class Desktop:
         self.plinkora = None
         self.receiver = None
         self.tmp = tempfile.mkdtemp(prefix="plinkora-e2e-")
+        # A program built with the sanitizers writes any report here instead of only to its
+        # standard error: closing the desktop fails the test when one was written.
+        self.sanitizer_reports = tempfile.mkdtemp(prefix="plinkora-sanitizer-")
         self.jack_name = f"plk-e2e-{os.getpid()}-{id(self) & 0xffff:x}"
         self.env = dict(os.environ)
         for key in ("DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM", "SESSION_MANAGER", "DBUS_SESSION_BUS_ADDRESS"):
@@ -133,6 +136,9 @@ class Desktop:
             "JACK_NO_START_SERVER": "1",
             "LANG": "C.UTF-8",
         })
+        for tool in ("ASAN_OPTIONS", "UBSAN_OPTIONS"):
+            log = f"log_path={os.path.join(self.sanitizer_reports, 'report')}"
+            self.env[tool] = f"{self.env[tool]}:{log}" if self.env.get(tool) else log
 
     # --- life ---------------------------------------------------------------------------
 
@@ -157,6 +163,18 @@ class Desktop:
             self._lock.close()  # releases the lock
             self._lock = None
         shutil.rmtree(self.tmp, ignore_errors=True)
+        reports = self.sanitizer_report_texts()
+        shutil.rmtree(self.sanitizer_reports, ignore_errors=True)
+        if reports:
+            raise AssertionError("sanitizer reports:\n" + "\n".join(reports))
+
+    def sanitizer_report_texts(self):
+        """The reports that the sanitizers of the programs started here wrote, if any."""
+        texts = []
+        for name in sorted(os.listdir(self.sanitizer_reports)) if os.path.isdir(self.sanitizer_reports) else []:
+            with open(os.path.join(self.sanitizer_reports, name), errors="replace") as f:
+                texts.append(f"--- {name}\n{f.read()}")
+        return texts
 
     def _spawn(self, name, argv, env=None, capture=True):
         process = Process(name, argv, env=env or self.env, capture=capture)

@@ -2,10 +2,15 @@
 
 #include "common/settings_store.h"
 
+#include <QFile>
 #include <QSettings>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
+
+#include <array>
+#include <cstring>
+#include <string>
 
 using namespace plinkora;
 
@@ -113,4 +118,42 @@ TEST(FunctionKeyTextParser, RejectsEverythingElse)
     for (const char* text : {"", "+", "-", "-5", "256", "300", " 64", "64 ", "6 4", "abc", "1e2", "++1", "0x10",
                              "99999999999999999999"})
         EXPECT_EQ(FunctionKeyConfig::parseUInt8(text), std::nullopt) << '"' << text << '"';
+}
+
+namespace {
+/// `text` as an extended regular expression that matches exactly it.
+std::string literally(const QString& text)
+{
+    std::string pattern;
+    for (const char c : text.toStdString()) {
+        if (std::strchr(".[]{}()\\*+?|^$", c) != nullptr)
+            pattern += '\\';
+        pattern += c;
+    }
+    return pattern;
+}
+} // namespace
+
+TEST(FunctionKeyConfigDeath, AHandEditedFileOutsideZeroTo255StopsWithTheLineNamingKeyValueAndFile)
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath("Plinkora.conf");
+    const std::array<const char*, 4> keys{"PLK_F1_CC", "PLK_F2_CC", "PLK_F3_CC", "PLK_F4_CC"};
+    const std::array<const char*, 4> values{"-1", "256", " 1000000 ", "-9223372036854775808"};
+    {
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write("[General]\n");
+        for (std::size_t i = 0; i < keys.size(); ++i)
+            file.write(QByteArray(keys[i]) + '=' + values[i] + '\n');
+    }
+    QSettings qsettings(path, QSettings::IniFormat);
+    SettingsStore settings(qsettings);
+    for (int index = 0; index < 4; ++index) {
+        const QString value = QString::fromLatin1(values[static_cast<std::size_t>(index)]).trimmed();
+        const QString line = QStringLiteral("Fatal error: the stored controller number %1 under \"%2\" in %3 is outside 0 to 255")
+                                 .arg(value, QString::fromLatin1(keys[static_cast<std::size_t>(index)]), path);
+        EXPECT_DEATH(FunctionKeyConfig::shared().controllerNumber(settings, index), "(^|\n)" + literally(line) + "\n")
+            << line.toStdString();
+    }
 }

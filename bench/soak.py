@@ -1,0 +1,188 @@
+#!/usr/bin/python3
+"""Soak benchmark: many random key events through the X server into the real program, with a
+JACK receiver at PLK:PLK (the private desktop of tests/e2e/desktop.py).
+
+A fixed-seed sequence of presses and releases of note keys, octave keys, velocity keys and
+Shift is typed through XTest at a steady rate (auto-repeat off). A model of the key handling
+gives the MIDI messages that must arrive: a note-on (channel 1, the current velocity) at the
+press of a note key that is not held, the note counted by number so that a note already
+sounding is not started again; a note-off at every release, computed from the octave of that
+moment; sustain on and off with Shift; and at the shut-down the note-offs of the notes still
+counted, the bend centre and modulation 0. Printed: events sent, the rate reached, messages
+expected and received, the first difference if any, whether the program ran to the end and
+quit cleanly, and its resident memory after the warm-up and at the end.
+
+Exits non-zero when a message is missing or extra or the program crashed; memory is a figure.
+
+Usage: /usr/bin/python3 bench/soak.py [--events 100000] [--rate 200] [--seed 1]
+Paths: PLINKORA_BIN, PLINKORA_RECEIVER (default build/bin/plinkora, build/bin/jack_midi_receiver).
+"""
+
+import argparse
+import os
+import random
+import re
+import signal
+import sys
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(HERE)
+sys.path.insert(0, os.path.join(ROOT, "tests", "e2e"))
+
+from Xlib import X  # noqa: E402  (Debian: python3-xlib)
+from Xlib.display import Display  # noqa: E402
+from Xlib.ext import xtest  # noqa: E402
+
+from desktop import Desktop  # noqa: E402
+
+# X key codes (evdev + 8, the same on every layout) and what they are to Plinkora.
+NOTE_KEYS = {  # X key code: semitones above the octave's C
+    38: 0, 25: 1, 39: 2, 26: 3, 40: 4, 41: 5, 28: 6, 42: 7, 29: 8, 43: 9, 30: 10, 44: 11, 45: 12,
+    32: 13, 46: 14, 33: 15, 47: 16, 49: 17, 35: 18, 48: 19, 24: 20, 27: 21, 31: 22, 34: 23, 51: 24,
+}  # A W S E D F T G Y H U J K O L P ; ` ] ' Q R I [ \
+OCTAVE_KEYS = {10: 1, 11: 2, 12: 3, 13: 4, 14: 5, 15: 6, 16: 7, 17: 8, 18: 9, 19: 0}  # 1 ... 9 0
+VELOCITY_KEYS = {52: 20, 53: 40, 54: 60, 55: 80, 56: 100, 57: 115, 58: 120, 59: 127}  # Z X C V B N M ,
+SHIFT = 50
+
+
+def key_sequence(count, seed):
+    """`count` X events (press, key code), every key released by the end."""
+    rng = random.Random(seed)
+    notes, octaves, velocities = list(NOTE_KEYS), list(OCTAVE_KEYS), list(VELOCITY_KEYS)
+    held, events = [], []
+    while len(events) < count - len(held):
+        if held and (len(held) >= 6 or rng.random() < 0.45):
+            code = held.pop(rng.randrange(len(held)))
+            events.append((False, code))
+            continue
+        r = rng.random()
+        pool = notes if r < 0.8 else octaves if r < 0.88 else velocities if r < 0.96 else [SHIFT]
+        code = rng.choice(pool)
+        if code in held:
+            continue
+        held.append(code)
+        events.append((True, code))
+    events += [(False, code) for code in reversed(held)]
+    return events
+
+
+def expected_messages(events):
+    """What the key handling and the MIDI output send for `events`, then at the shut-down."""
+    octave, velocity, held, sounding, sustain = 4, 100, set(), set(), False
+    out = []
+    for press, code in events:
+        if code == SHIFT:
+            if press != sustain:
+                sustain = press
+                out.append([0xB0, 64, 127 if press else 0])
+            continue
+        if press and code in OCTAVE_KEYS:
+            octave = OCTAVE_KEYS[code]
+        if press and code in VELOCITY_KEYS:
+            velocity = VELOCITY_KEYS[code]
+        if code not in NOTE_KEYS:
+            continue
+        note = max(0, min(127, octave * 12 + NOTE_KEYS[code]))
+        if press:
+            if code in held:
+                continue
+            held.add(code)
+            if note not in sounding:
+                sounding.add(note)
+                out.append([0x90, note, velocity])
+        else:
+            held.discard(code)
+            sounding.discard(note)
+            out.append([0x80, note, 0])
+    out += [[0x80, note, 0] for note in sorted(sounding)]
+    out += [[0xE0, 0x00, 0x40], [0xB0, 1, 0]]
+    return out
+
+
+def resident_kib(pid):
+    with open(f"/proc/{pid}/status") as f:
+        return int(re.search(r"^VmRSS:\s+(\d+) kB", f.read(), re.M).group(1))
+
+
+def received(desktop):
+    return [[int(b, 16) for b in line.split()] for line in desktop.receiver.snapshot()
+            if re.fullmatch(r"[0-9A-F]{2}( [0-9A-F]{2})*", line)]
+
+
+def wait_for_count(desktop, count, quiet_seconds=10.0):
+    """Waits until `count` messages arrived or none arrived for `quiet_seconds`."""
+    last, last_change = -1, time.monotonic()
+    while True:
+        have = len(desktop.receiver.snapshot())
+        if have != last:
+            last, last_change = have, time.monotonic()
+        if len(received(desktop)) >= count or time.monotonic() - last_change > quiet_seconds:
+            return
+        time.sleep(0.5)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("--events", type=int, default=100_000)
+    parser.add_argument("--rate", type=float, default=200.0, help="events a second")
+    parser.add_argument("--seed", type=int, default=1)
+    args = parser.parse_args()
+    os.environ.setdefault("PLINKORA_BIN", os.path.join(ROOT, "build", "bin", "plinkora"))
+    os.environ.setdefault("PLINKORA_RECEIVER", os.path.join(ROOT, "build", "bin", "jack_midi_receiver"))
+
+    events = key_sequence(args.events, args.seed)
+    expected_keys_only = expected_messages(events)[:-2]
+    with Desktop() as desktop:
+        plinkora = desktop.start_plinkora()
+        display = Display(desktop.env["DISPLAY"])
+        display.change_keyboard_control(auto_repeat_mode=X.AutoRepeatModeOff)
+        display.sync()
+        warm_up = min(1000, len(events) // 10)
+        rss_start = None
+        began = time.monotonic()
+        for i, (press, code) in enumerate(events):
+            if i == warm_up:
+                rss_start = resident_kib(plinkora.pid)
+            delay = began + i / args.rate - time.monotonic()
+            if delay > 0:
+                time.sleep(delay)
+            xtest.fake_input(display, X.KeyPress if press else X.KeyRelease, code)
+            display.flush()
+            if not plinkora.running():
+                break
+        display.sync()
+        sent_seconds = time.monotonic() - began
+        wait_for_count(desktop, len(expected_keys_only))
+        still_running = plinkora.running()
+        rss_end = resident_kib(plinkora.pid) if still_running else None
+        exit_code = plinkora.stop(sig=signal.SIGTERM, timeout=30)
+        wait_for_count(desktop, len(expected_keys_only) + 2, quiet_seconds=3)
+        got = received(desktop)
+        key_lines = sum(1 for line in plinkora.snapshot() if re.match(r"Key event received: type=1[012] ", line))
+        xruns = sum(1 for line in desktop.receiver.stderr_lines if line.endswith(": xrun"))
+        display.close()
+
+    want = expected_messages(events)
+    print(f"events sent: {len(events)} in {sent_seconds:.1f} s ({len(events) / sent_seconds:.1f} a second)")
+    print(f"MIDI messages: expected {len(want)}, received {len(got)}")
+    first_difference = next((i for i, (a, b) in enumerate(zip(want, got)) if a != b), None)
+    if first_difference is None and len(want) != len(got):
+        first_difference = min(len(want), len(got))
+    if first_difference is not None:
+        print(f"first difference at message {first_difference}: expected {want[first_difference:first_difference + 3]}, "
+              f"received {got[first_difference:first_difference + 3]}")
+    # The program prints a line for every key press and release it is given, Return included.
+    print(f"key presses and releases the program was given: {key_lines} (sent {len(events)}, and Return pressed and released at the start)")
+    print(f"xruns JACK reported to the receiver (an xrun can drop MIDI events): {xruns}")
+    print(f"ran to the end: {'yes' if still_running else 'no'}; exit code at SIGTERM: {exit_code}")
+    if rss_start is not None and rss_end is not None:
+        print(f"resident memory: {rss_start} KiB after {warm_up} events, {rss_end} KiB at the end, "
+              f"growth {rss_end - rss_start} KiB ({'under' if rss_end - rss_start < 1024 else 'NOT under'} 1 MiB)")
+    ok = still_running and exit_code == 0 and first_difference is None
+    print("soak: " + ("no message missing or extra" if ok else "FAILED"))
+    return 0 if ok else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
