@@ -114,8 +114,8 @@ void PreferencesWindow::setupUI()
 
 void PreferencesWindow::setupConnections(ConnectionKeeper& keeper)
 {
-    // Below the function keys: the room under them and the added height.
-    constexpr int top = kHeight - 100;
+    // Below the function keys and the sound font row, in the added height.
+    constexpr int top = kHeight - 30;
     auto* group = new SettingsGroup(QString::fromLatin1(ConnectionsView::kHeading), this);
     group->setGeometry(0, top, kWidth, kHeight + kConnectionsHeight - top);
     auto* layout = new QVBoxLayout(group);
@@ -123,7 +123,7 @@ void PreferencesWindow::setupConnections(ConnectionKeeper& keeper)
     connectionsView_ = new ConnectionsView(keeper, group);
     layout->addWidget(connectionsView_);
 
-    setTabOrder(ccFields_.back(), connectionsView_->list());
+    setTabOrder(soundFontButton_, connectionsView_->list());
     connectionsView_->list()->installEventFilter(this);
 }
 
@@ -201,11 +201,10 @@ void PreferencesWindow::setupFunctionKeyGroup()
 void PreferencesWindow::setupSoundFontRow()
 {
     // Below the function keys: the built-in synthesizer's sound font and a button to choose one.
-    QLabel* caption = makeLabel(QStringLiteral("Sound font:"), this, frameInParent(20, 72, 100, 20, kHeight));
+    makeLabel(QStringLiteral("Sound font:"), this, frameInParent(20, 72, 100, 20, kHeight));
     soundFontButton_ = new QPushButton(QStringLiteral("Choose…"), this);
     soundFontButton_->setGeometry(frameInParent(280, 68, 100, 28, kHeight));
     soundFontButton_->setAccessibleName(QStringLiteral("Choose sound font"));
-    caption->setBuddy(soundFontButton_);
     soundFontLabel_ = makeLabel(QString(), this, frameInParent(20, 40, 360, 20, kHeight));
     soundFontLabel_->setAccessibleName(QStringLiteral("Sound font"));
     soundFontLabel_->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);

@@ -42,7 +42,7 @@ public:
 
     static constexpr int kWidth = 400;
     static constexpr int kHeight = 450;
-    static constexpr int kConnectionsHeight = 160;
+    static constexpr int kConnectionsHeight = 230;
     static constexpr double kMinimumSpeed = 20.0;
     static constexpr double kMaximumSpeed = 500.0;
 

@@ -4,8 +4,10 @@
 // the desktop's.
 #include "common/settings_store.h"
 #include "input/keyboard_monitor.h"
+#include "midi/connection_keeper.h"
 #include "midi/midi_manager.h"
 #include "midi/null_backend.h"
+#include "support/fake_patchbay.h"
 #include "support/fakes.h"
 #include "ui/keyboard_view.h"
 #include "ui/main_window.h"
@@ -72,12 +74,22 @@ int main(int argc, char** argv)
     monitor.currentOctave = 4;
     monitor.currentVelocity = 100;
 
+    // A desktop with a synthesizer and a sampler as MIDI inputs, PLK connected to the first.
+    testing::FakePatchbay patchbay;
+    patchbay.add({"fluidsynth", "midi_00"});
+    patchbay.add({"sampler", "in_1"});
+    patchbay.connectFromOutside({"fluidsynth", "midi_00"});
+    testing::StubSynthControl synth;
+    ConnectionKeeper connections(patchbay, settings, [](const QString&) {}, &synth, QStringLiteral("jack"), true);
+    connections.start({});
+
     MainWindow mainWindow(monitor);
+    mainWindow.showConnectionStatus(connections.statusText());
     mainWindow.move(40, 40);
     bool ok = save(mainWindow, folder.filePath(QStringLiteral("main-window.png")));
     ok = instructionsFit(*mainWindow.keyboardView()) && ok;
 
-    PreferencesWindow preferences(*monitor.benderController, settings);
+    PreferencesWindow preferences(*monitor.benderController, settings, &connections);
     ok = save(preferences, folder.filePath(QStringLiteral("preferences-window.png"))) && ok;
     return ok ? 0 : 1;
 }
