@@ -44,9 +44,10 @@ WAYS = {
     "SIGINT": (lambda d: d.plinkora.send_signal(signal.SIGINT), 0),
     "SIGTERM": (lambda d: d.plinkora.send_signal(signal.SIGTERM), 0),
     "SIGHUP": (lambda d: d.plinkora.send_signal(signal.SIGHUP), 0),
-    # Qt ends the program with exit status 1 when the display connection breaks.
-    "the X server going away": (lambda d: d.stop_x_server(), 1),
     "the desktop session ending": (end_the_session, 0),
+    # Qt ends the program with exit status 1 when the display connection breaks; Plinkora's
+    # exit handler runs the shut-down then (DisplayLostTest).
+    "the X server going away": (lambda d: d.stop_x_server(), 1),
 }
 
 
@@ -85,7 +86,7 @@ class EndingTest(unittest.TestCase):
             messages = d.midi()
             playing, shut_down = messages[:-len(SHUT_DOWN)], messages[-len(SHUT_DOWN):]
             self.assertEqual(shut_down, SHUT_DOWN, (messages[before - 2:], d.plinkora.snapshot()[-4:],
-                                                    d.plinkora.stderr_lines[-4:]))
+                                                    d.plinkora.stderr_lines[-8:]))
             if not bend_held:
                 self.assertEqual(len(messages), before + len(SHUT_DOWN), messages[before - 2:])
             # What came before is the playing: the two notes and the bend on its way up, off centre.
@@ -114,6 +115,8 @@ class EndingTest(unittest.TestCase):
 
     def test_every_way_of_ending_silences_the_receiver_then_withdraws_the_port(self):
         for way in WAYS:
+            if way == "the X server going away":
+                continue  # DisplayLostTest
             with self.subTest(way=way):
                 self.play_then_end(way)
 
@@ -133,6 +136,19 @@ class EndingTest(unittest.TestCase):
             d.wait_until(lambda: "PLK:PLK" not in self.jack_ports(d), what="PLK:PLK to leave the JACK graph")
             self.assertEqual(d.midi(), [[NOTE_ON, 48, 100]])
             d.keyup("a")
+
+
+class DisplayLostTest(EndingTest):
+    """The private X server killed by its process id. A CTest of its own: on a loaded machine
+    the receiver sometimes got none of the shut-down's messages (6 of about 50 runs),
+    although Plinkora's exit handler ran on the main thread."""
+
+    test_every_way_of_ending_silences_the_receiver_then_withdraws_the_port = None
+    test_ending_while_the_bend_key_is_still_held = None
+    test_after_sigkill_the_port_disappears_all_the_same = None
+
+    def test_the_x_server_going_away_silences_the_receiver_then_withdraws_the_port(self):
+        self.play_then_end("the X server going away")
 
 
 class NothingOutlivesTest(unittest.TestCase):
