@@ -347,6 +347,21 @@ bool cancelAndSay(SpeechDispatcherVoice::Shared& s, bool cancel, const std::opti
     return true;
 }
 
+// How long the worker may wait for a wake-up: until the next attempt to connect while a text
+// waits for one, else for ever.
+int pollTimeout(SpeechDispatcherVoice::Shared& s)
+{
+    if (s.connection != nullptr)
+        return -1;
+    {
+        const std::lock_guard lock(s.mutex);
+        if (!s.textWanted || s.quit)
+            return -1;
+    }
+    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(s.nextAttempt - Clock::now());
+    return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(wait.count(), 0, 60'000));
+}
+
 void run(std::shared_ptr<SpeechDispatcherVoice::Shared> shared, std::string language)
 {
     SpeechDispatcherVoice::Shared& s = *shared;
@@ -356,7 +371,7 @@ void run(std::shared_ptr<SpeechDispatcherVoice::Shared> shared, std::string lang
     for (;;) {
         std::array<pollfd, 2> fds{{{s.wakeFd, POLLIN, 0}, {s.hangUpFd, POLLRDHUP, 0}}};
         const nfds_t count = s.connection != nullptr && s.hangUpFd >= 0 ? 2 : 1;
-        if (::poll(fds.data(), count, -1) < 0 && errno != EINTR)
+        if (::poll(fds.data(), count, pollTimeout(s)) < 0 && errno != EINTR)
             break;
         if (count == 2 && (fds[1].revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)) != 0)
             closeConnection(s, "the connection to speech-dispatcher was lost");
@@ -385,6 +400,16 @@ void run(std::shared_ptr<SpeechDispatcherVoice::Shared> shared, std::string lang
         }
         if (!cancel && !text)
             continue;
+
+        if (text && s.connection == nullptr && Clock::now() < s.nextAttempt) {
+            // Not yet time for a new attempt: the text waits for it (unless a newer one came in
+            // the meantime), so the first text after the service is back is not lost.
+            const std::lock_guard lock(s.mutex);
+            if (!s.textWanted)
+                s.textWanted = std::move(text);
+            s.sayInFlight = false;
+            continue;
+        }
 
         bool done = false;
         // A second round only when the first found the connection broken: the service may have

@@ -22,8 +22,9 @@ namespace plinkora {
 ///
 /// When the service is missing, cannot start or dies, the voice says so once on standard
 /// output ("Speech unavailable: <reason>; announcements are shown and posted to screen readers
-/// only"), drops texts while it is unavailable, and tries again, lazily and with a growing pause,
-/// when there is something to say; once the service is back it speaks again.
+/// only") and tries again, lazily and with a growing pause, when there is something to say. The
+/// newest text waits for the next attempt and is spoken if that attempt connects (so the first
+/// announcement after the service is back is heard); a text whose attempt fails is dropped.
 class SpeechDispatcherVoice final : public Voice
 {
 public:
@@ -64,8 +65,8 @@ public:
     bool isSpeaking() const override;
     /// Cancels this connection's own speech (CANCEL SELF); other programs' speech goes on.
     void stop() override;
-    /// Cancels this connection's own speech and speaks `text`. A no-op while the service is
-    /// unavailable (a new connection is tried first when the pause has passed).
+    /// Cancels this connection's own speech and speaks `text`. While the service is unavailable
+    /// the text waits for the next attempt to connect and is dropped if that attempt fails.
     void speak(const QString& text) override;
 
     /// True while a connection to the service is open.

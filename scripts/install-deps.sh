@@ -22,7 +22,7 @@ tests=(
     jackd2 xvfb xauth xdotool x11-xkb-utils openbox
     dbus dbus-x11 at-spi2-core orca python3-pyatspi
     sox pulseaudio pulseaudio-utils speech-dispatcher-audio-plugins libao4
-    x11-utils systemd util-linux procps
+    x11-utils systemd util-linux procps libsm-dev libice-dev
     libx11-dev libxtst-dev x11-xserver-utils jack-keyboard
     clang libclang-rt-14-dev python3-xlib
 )

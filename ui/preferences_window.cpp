@@ -8,6 +8,7 @@
 #include "ui/design_fonts.h"
 #include "ui/preference_controls.h"
 
+#include <QAccessibleWidget>
 #include <QCloseEvent>
 #include <QFileDialog>
 #include <QFileInfo>
@@ -40,6 +41,17 @@ QString speedText(double speed)
     return QString::fromLatin1(buffer);
 }
 
+/// The window's role for screen readers: a window (Qt gives a plain QWidget "client", which
+/// AT-SPI presents as "filler").
+QAccessibleInterface* preferencesWindowAccessibility(const QString& className, QObject* object)
+{
+    if (className == QLatin1String(PreferencesWindow::staticMetaObject.className())) {
+        if (auto* window = qobject_cast<PreferencesWindow*>(object))
+            return new QAccessibleWidget(window, QAccessible::Window);
+    }
+    return nullptr;
+}
+
 QLabel* makeLabel(const QString& text, QWidget* parent, const QRect& frame)
 {
     auto* label = new QLabel(text, parent);
@@ -61,6 +73,11 @@ PreferencesWindow::PreferencesWindow(BenderController& benderController, Setting
     , benderController_(benderController)
     , settings_(settings)
 {
+    static const bool accessibilityInstalled = [] {
+        QAccessible::installFactory(preferencesWindowAccessibility);
+        return true;
+    }();
+    (void)accessibilityInstalled;
     setWindowTitle(QStringLiteral("Preferences"));
     // Titled and closable, neither resizable nor minimisable.
     setFixedSize(kWidth, connections ? kHeight + kConnectionsHeight : kHeight);
@@ -150,7 +167,6 @@ void PreferencesWindow::setupBenderGroup()
         slider->setAccessibleName(sliderName);
         // Setting the start value is not a user's move: nothing is applied or stored.
         slider->setDoubleValue(speed);
-        captionLabel->setBuddy(slider);
     };
     speedRow(QStringLiteral("Pitch Bend Speed:"), 100, benderController_.pitchBendSpeed, pitchSpeedLabel_,
              pitchSpeedSlider_, QStringLiteral("Pitch Bend Speed"));
@@ -185,8 +201,9 @@ void PreferencesWindow::setupFunctionKeyGroup()
 
         auto* field = new QLineEdit(storedCCText(index), functionKeyGroup_);
         field->setGeometry(frameInParent(110, rowY, 60, 24, h));
+        // The caption is not the field's buddy: a buddy becomes the field's "labelled by"
+        // relation, which screen readers read instead of the accessible name.
         field->setAccessibleName(QStringLiteral("F%1 MIDI CC number").arg(n));
-        caption->setBuddy(field);
         ccFields_[static_cast<std::size_t>(index)] = field;
 
         // Return commits what is typed, as the field's action. Leaving the field (Tab, a click

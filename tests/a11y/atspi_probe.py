@@ -2,7 +2,9 @@
 standard input, one a line, and answers each with one JSON line on standard output.
 
     ["tree"]      every top-level window of the application with its descendants:
-                  {"role", "name", "description", "states", "text", "value", "children"}
+                  {"role", "name", "description", "states", "text", "value", "labelled_by",
+                  "children"}; "labelled_by" names the objects of the "labelled by" relation, which
+                  screen readers read instead of the name
     ["focused"]   the object that has the keyboard focus ({"role", "name", "window"}), or null
     ["windows"]   the names of the application's top-level windows
 
@@ -62,6 +64,16 @@ def value_of(acc):
     return {"current": value.currentValue, "minimum": value.minimumValue, "maximum": value.maximumValue}
 
 
+def labelled_by(acc):
+    names = []
+    for relation in acc.getRelationSet():
+        if relation.getRelationType() == pyatspi.RELATION_LABELLED_BY:
+            for i in range(relation.getNTargets()):
+                target = relation.getTarget(i)
+                names.append(target.name or "" if target is not None else "")
+    return names
+
+
 def describe(acc, depth=0):
     node = {
         "role": acc.getRoleName(),
@@ -70,6 +82,7 @@ def describe(acc, depth=0):
         "states": states_of(acc),
         "text": text_of(acc),
         "value": value_of(acc),
+        "labelled_by": labelled_by(acc),
         "children": [],
     }
     if depth < MAX_DEPTH:

@@ -363,6 +363,7 @@ class AccessibleTreeTest(HeardTestCase):
         d.activate(prefs)
         wait_until(lambda: "Preferences" in probe.ask("windows"), timeout=10, what="the Preferences window")
         window = [w for w in probe.ask("tree") if w["name"] == "Preferences"][0]
+        self.assertEqual(window["role"], "frame")
 
         groups = [n for n in self.find(window) if n["role"] in ("panel", "grouping")
                   and n["name"] in ("Bender Settings", "Function Key MIDI Controllers")]
@@ -378,6 +379,8 @@ class AccessibleTreeTest(HeardTestCase):
         self.assertEqual([f["text"] for f in fields], ["115", "116", "117", "118"])
         for field in fields:
             self.assertIn("editable", field["states"])
+        # Read by their names, not by the captions beside them ("F1 CC:").
+        self.assertEqual([f["labelled_by"] for f in fields + sliders], [[]] * 6)
 
         # With the keyboard alone: Tab to F2, type 64, Return.
         focused = probe.ask("focused")

@@ -135,6 +135,16 @@ class Desktop:
             "JACK_NO_AUDIO_RESERVATION": "1",
             "JACK_NO_START_SERVER": "1",
             "LANG": "C.UTF-8",
+            # Plinkora's voice finds no speech service here and must not start the system's one
+            # (libspeechd starts SPEECHD_CMD when nothing answers; that process would outlive
+            # the test).
+            "SPEECHD_ADDRESS": f"unix_socket:{runtime}/no-speech-service",
+            "SPEECHD_CMD": "/nonexistent/speech-dispatcher",
+            # No session bus: without an address libdbus would start one for the display
+            # (dbus-launch --autolaunch), which outlives the test too.
+            "DBUS_SESSION_BUS_ADDRESS": f"unix:path={runtime}/no-session-bus",
+            # Every process started from this desktop carries it (see processes_left()).
+            "PLINKORA_E2E_DESKTOP": self.tmp,
         })
         for tool in ("ASAN_OPTIONS", "UBSAN_OPTIONS"):
             log = f"log_path={os.path.join(self.sanitizer_reports, 'report')}"
@@ -175,6 +185,31 @@ class Desktop:
             with open(os.path.join(self.sanitizer_reports, name), errors="replace") as f:
                 texts.append(f"--- {name}\n{f.read()}")
         return texts
+
+    def processes_left(self):
+        """Process ids of the processes still running with this desktop's environment: every
+        process started from it, by the desktop or by its children (a daemon that detached
+        itself included), carries PLINKORA_E2E_DESKTOP with this desktop's folder."""
+        marker = f"PLINKORA_E2E_DESKTOP={self.tmp}".encode()
+        found = []
+        for entry in os.listdir("/proc"):
+            if not entry.isdigit():
+                continue
+            try:
+                with open(f"/proc/{entry}/environ", "rb") as f:
+                    environment = f.read().split(b"\0")
+                with open(f"/proc/{entry}/stat") as f:
+                    state = f.read().rsplit(")", 1)[1].split()[0]
+            except OSError:  # gone meanwhile, or not ours to read
+                continue
+            if marker in environment and state != "Z":
+                found.append(int(entry))
+        return found
+
+    def stop_x_server(self):
+        """Ends the private X server by its process id, as when the display goes away."""
+        xvfb = next(p for p in self.processes if p.name == "Xvfb")
+        xvfb.stop()
 
     def _spawn(self, name, argv, env=None, capture=True):
         process = Process(name, argv, env=env or self.env, capture=capture)

@@ -2,7 +2,6 @@
 bytes at a JACK receiver."""
 
 import os
-import signal
 import subprocess
 import unittest
 
@@ -273,39 +272,6 @@ class FocusAndPanicTest(unittest.TestCase):
         d.plinkora.wait_for_line(r"^Key event received: type=11 keyCode=5$")
         d.settle()
         self.assertEqual(len(d.midi()), 3 + len(panic))
-
-
-class QuittingTest(unittest.TestCase):
-    """Every way of quitting silences the receiver: note-offs, bend centre, modulation 0,
-    then the port goes."""
-
-    def quit_with_notes_held(self, quit):
-        with Desktop() as d:
-            d.start_plinkora()
-            d.keydown("a")
-            d.keydown("d")
-            d.wait_for_midi(2)
-            quit(d)
-            d.receiver.wait_for_line(r"^gone PLK:PLK$")
-            self.assertEqual(d.plinkora.wait(timeout=20), 0)
-            self.assertEqual(d.midi(), [
-                [NOTE_ON, 48, 100], [NOTE_ON, 52, 100],
-                [NOTE_OFF, 48, 0], [NOTE_OFF, 52, 0], [0xE0, 0x00, 0x40], [0xB0, 0x01, 0x00]])
-            d.keyup("a")
-            d.keyup("d")
-
-    def test_ctrl_q(self):
-        self.quit_with_notes_held(lambda d: d.chord("ctrl", "q"))
-
-    def test_closing_the_main_window(self):
-        self.quit_with_notes_held(lambda d: d.key("alt+F4"))
-
-    def test_sigterm(self):
-        self.quit_with_notes_held(lambda d: d.plinkora.send_signal(signal.SIGTERM))
-
-    def test_sigint_and_sighup(self):
-        self.quit_with_notes_held(lambda d: d.plinkora.send_signal(signal.SIGINT))
-        self.quit_with_notes_held(lambda d: d.plinkora.send_signal(signal.SIGHUP))
 
 
 class LayoutTest(unittest.TestCase):

@@ -247,6 +247,35 @@ TEST_F(SpeechDispatcherVoiceTest, WhenTheServiceDiesItSaysSoOnceAndSpeaksAgainWh
     EXPECT_NE(output.find("connection to speech-dispatcher was lost"), std::string::npos) << output;
 }
 
+TEST_F(SpeechDispatcherVoiceTest, TheFirstTextAfterTheServiceIsBackWaitsForTheNextAttempt)
+{
+    // A long pause after a failed attempt: the service comes back well within it.
+    auto opts = options();
+    opts.firstRetryPause = 1500ms;
+    opts.longestRetryPause = 1500ms;
+    ::testing::internal::CaptureStdout(); // (see above on capturing)
+    auto voice = std::make_unique<SpeechDispatcherVoice>(opts);
+    ASSERT_TRUE(waitUntil([&] { return voice->isConnected(); }, 10s));
+
+    service_->stop();
+    ASSERT_TRUE(waitUntil([&] { return !voice->isConnected(); }, 5s));
+    // Spoken while the service is gone: the attempt it causes fails and the pause begins.
+    voice->speak(QStringLiteral("while gone"));
+    ASSERT_TRUE(waitUntil([&] { return !voice->isSpeaking(); }, 5s));
+    EXPECT_FALSE(voice->isConnected());
+
+    service_->start();
+    // One text, once, while the voice still waits for its next attempt.
+    voice->speak(QStringLiteral("Program: 1, 2 of 8"));
+    EXPECT_TRUE(voice->isSpeaking());
+    const bool heard = waitUntilSaid("Program: 1, 2 of 8", true, 10s);
+    voice.reset();
+    ::testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(heard);
+    EXPECT_FALSE(said("while gone"));
+    EXPECT_EQ(service_->utterances().size(), 1u);
+}
+
 TEST_F(SpeechDispatcherVoiceTest, WhenNoServiceRunsItSaysSoOnceAndSpeaksOnceOneStarts)
 {
     service_->stop();
