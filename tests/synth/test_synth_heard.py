@@ -58,7 +58,7 @@ class SynthHeardTest(unittest.TestCase):
     def test_a_then_k_sound_an_octave_apart_through_pulseaudio(self):
         with A11yDesktop(with_jack=False) as d:
             pulse = d.start_pulse()
-            plinkora = d.start_plinkora()
+            plinkora = d.start_plinkora("--synth", "auto")
             plinkora.wait_for_line(r"^Built-in synthesizer: .*TimGM6mb\.sf2 on pulseaudio$")
             recorder = SinkRecorder(pulse, os.path.join(d.tmp, "sink.raw"))
             time.sleep(0.8)  # silence before
@@ -94,7 +94,7 @@ class SynthHeardTest(unittest.TestCase):
     def test_escape_after_a_held_chord_leaves_the_sink_silent_within_200_ms(self):
         with A11yDesktop(with_jack=False) as d:
             pulse = d.start_pulse()
-            plinkora = d.start_plinkora()
+            plinkora = d.start_plinkora("--synth", "auto")
             plinkora.wait_for_line(r"^Built-in synthesizer: .* on pulseaudio$")
             recorder = SinkRecorder(pulse, os.path.join(d.tmp, "sink.raw"))
             for k in ("a", "d", "g"):

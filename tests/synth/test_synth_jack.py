@@ -62,7 +62,7 @@ class SynthOnJackTest(unittest.TestCase):
     def test_auto_falls_silent_while_a_midi_receiver_reads_plk_and_plays_when_it_goes(self):
         with JackSynthDesktop() as d:
             # The harness's MIDI receiver is connected to PLK:PLK as soon as PLK appears.
-            plinkora = d.start_plinkora()
+            plinkora = d.start_plinkora("--synth", "auto")
             plinkora.wait_for_line(r"^Built-in synthesizer: .* on jack$")
             plinkora.wait_for_line(r"^Built-in synthesizer: following PLK's readers$")
             plinkora.wait_for_line(r"^Built-in synthesizer: silent while another program reads PLK$")

@@ -138,7 +138,7 @@ TEST_F(ConnectionsViewTest, ARememberedInputThatIsNotThereIsListedAndCanBeForgot
     EXPECT_EQ(list->count(), 3);
 }
 
-TEST_F(ConnectionsViewTest, ThePreferencesWindowGainsTheSectionAfterTheFunctionKeys)
+TEST_F(ConnectionsViewTest, ThePreferencesWindowGainsTheSectionAfterTheFunctionKeysAndTheSoundFont)
 {
     PreferencesWindow window(*monitor().benderController, settings, &keeper);
     ASSERT_NE(window.connectionsView(), nullptr);
@@ -147,7 +147,9 @@ TEST_F(ConnectionsViewTest, ThePreferencesWindowGainsTheSectionAfterTheFunctionK
     ASSERT_TRUE(QTest::qWaitForWindowActive(&window));
     window.ccField(3)->setFocus();
     QTest::keyClick(window.ccField(3), Qt::Key_Tab);
-    EXPECT_TRUE(window.connectionsView()->list()->hasFocus()) << "Tab from F4 reaches the list";
+    EXPECT_TRUE(window.soundFontButton()->hasFocus()) << "Tab from F4 reaches the sound font button";
+    QTest::keyClick(window.soundFontButton(), Qt::Key_Tab);
+    EXPECT_TRUE(window.connectionsView()->list()->hasFocus()) << "then the list";
     const QRect list = window.connectionsView()->list()->geometry();
     EXPECT_GE(list.height(), 100) << "room for several entries";
 
