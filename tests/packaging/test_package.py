@@ -58,6 +58,7 @@ class PackageTest(unittest.TestCase):
         fields = run("dpkg-deb", "-f", self.deb, "Depends", "Recommends").stdout
         self.assertIn("qt6-qpa-plugins", fields)
         self.assertIn("speech-dispatcher", fields)
+        self.assertIn("timgm6mb-soundfont", fields)
 
     def test_2_the_desktop_finds_the_menu_entry_its_metadata_and_icons(self):
         run("desktop-file-validate", "/usr/share/applications/plinkora.desktop")
