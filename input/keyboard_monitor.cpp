@@ -8,6 +8,8 @@
 #include "properties/announcer.h"
 #include "properties/property_manager.h"
 
+#include <QTimer>
+
 #include <cstdio>
 
 namespace plinkora {
@@ -233,7 +235,10 @@ void KeyboardMonitor::focusLost()
         return;
     focusAway = true;
     releaseHeldKeys();
-    speakWithoutScreenReader("Paused");
+    QTimer::singleShot(kSpeechDelayMs, &speechContext_, [this] {
+        if (focusAway && !pausedSpoken_)
+            pausedSpoken_ = speakWithoutScreenReader("Paused");
+    });
 }
 
 void KeyboardMonitor::focusRegained()
@@ -257,7 +262,10 @@ void KeyboardMonitor::focusRegained()
         keysToPressAgain.reset();
         sustainToPressAgain = false;
     }
-    speakWithoutScreenReader("Playing");
+    if (pausedSpoken_) {
+        pausedSpoken_ = false;
+        speakWithoutScreenReader("Playing");
+    }
 }
 
 void KeyboardMonitor::allNotesOff()
@@ -284,15 +292,16 @@ void KeyboardMonitor::allNotesOff()
     propertyManager->announce(QStringLiteral("All notes off"));
 }
 
-void KeyboardMonitor::speakWithoutScreenReader(const char* text)
+bool KeyboardMonitor::speakWithoutScreenReader(const char* text)
 {
     // A screen reader reports the focus change itself; Plinkora's voice is for those without one.
     Announcer* voice = propertyManager->speechSynthesizer.get();
     if (!voice || voice->isScreenReaderRunning())
-        return;
+        return false;
     if (voice->isSpeaking())
         voice->stopSpeaking();
     voice->speak(QString::fromLatin1(text));
+    return true;
 }
 
 } // namespace plinkora

@@ -43,13 +43,16 @@ public:
     static bool isHandledKey(KeyCode code);
 
     /// The main window stopped receiving the keys (another window, a menu, the screen lock):
-    /// every held key counts as released now (releaseHeldKeys), and Plinkora's own voice says
-    /// "Paused" when no screen reader runs. Does nothing while the keys are away already.
+    /// every held key counts as released now (releaseHeldKeys), and when the keys are still
+    /// away kSpeechDelayMs later and no screen reader runs, Plinkora's own voice says "Paused"
+    /// (a focus that only flickers, or a screen reader that is just starting, hears nothing).
+    /// Does nothing while the keys are away already.
     void focusLost();
     /// The main window receives the keys again. Keys that are down now (as keysDownNow tells)
-    /// play nothing until pressed again; Plinkora's own voice says "Playing" when no screen
-    /// reader runs. Does nothing unless focusLost() came before.
+    /// play nothing until pressed again; Plinkora's own voice says "Playing" when it said
+    /// "Paused". Does nothing unless focusLost() came before.
     void focusRegained();
+    static constexpr int kSpeechDelayMs = 300;
     /// Escape, the panic: a note-off on the current channel for every sounding note, then on
     /// each channel sustain 0, all notes off and all sound off, the benders back at rest (sent),
     /// and "All notes off" announced. Note keys and arrows still held play nothing until
@@ -96,7 +99,10 @@ private:
     /// True when the event belongs to a key held through a focus change or a panic, and is
     /// therefore swallowed without acting.
     bool isLeftoverOfHeldKey(const KeyEvent& event);
-    void speakWithoutScreenReader(const char* text);
+    /// Speaks `text` with Plinkora's own voice unless a screen reader runs; true when spoken.
+    bool speakWithoutScreenReader(const char* text);
+    bool pausedSpoken_ = false;
+    QObject speechContext_; // the delayed "Paused" dies with the monitor
 
     SettingsStore& settings_;
 };

@@ -448,7 +448,8 @@ TEST_F(AppDelegateTest, OpeningThePreferencesWithAKeyHeldSendsItsNoteOffAndSaysP
     // THEN A's note-off and sustain 0, once
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0x80, 48, 0}, {0xB0, 64, 0}}));
     EXPECT_FALSE(delegate->keyFocusWatch()->mainWindowHasKeys());
-    // AND back in the main window, the voice said Paused and then Playing
+    // AND, the keys staying away, the voice says Paused, and back in the main window Playing
+    EXPECT_TRUE(waitUntil([&] { return announcer->spoken == QStringList{"Paused"}; }, 5000));
     delegate->showKeyboard();
     ASSERT_TRUE(QTest::qWaitForWindowActive(delegate->window.get()));
     QCoreApplication::processEvents();

@@ -3,6 +3,7 @@
 #include "support/engine_fixture.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 
 using namespace plinkora;
 using namespace plinkora::testing;
@@ -40,6 +41,14 @@ protected:
     {
         active = &mainWindow;
         monitor().focusRegained();
+    }
+    /// Lets the delayed "Paused" come due (the event loop runs its timer).
+    static void waitPastTheSpeechDelay()
+    {
+        QElapsedTimer clock;
+        clock.start();
+        while (clock.elapsed() < KeyboardMonitor::kSpeechDelayMs + 200)
+            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
     }
     /// A key the user holds physically (as the platform will tell).
     void hold(KeyCode code)
@@ -227,16 +236,26 @@ TEST_F(KeyboardFocusTest, AKeyDownAtTheReturnBeforeTheApplicationSaysSoIsTheRetu
 TEST_F(KeyboardFocusTest, PausedAndPlayingAreSpokenWithoutAScreenReader)
 {
     leave();
+    EXPECT_TRUE(announcer->spoken.isEmpty()) << "Paused waits to see that the keys stay away";
+    waitPastTheSpeechDelay();
     comeBack();
-    QCoreApplication::processEvents();
     EXPECT_EQ(announcer->spoken, (QStringList{"Paused", "Playing"}));
     EXPECT_TRUE(announcer->posted.isEmpty()); // no announcement to assistive technology
+}
+
+TEST_F(KeyboardFocusTest, AFocusThatOnlyFlickersIsNotSpoken)
+{
+    leave();
+    comeBack();
+    waitPastTheSpeechDelay();
+    EXPECT_TRUE(announcer->log.isEmpty());
 }
 
 TEST_F(KeyboardFocusTest, PausedCutsOwnSpeechOff)
 {
     announcer->speaking = true;
     leave();
+    waitPastTheSpeechDelay();
     EXPECT_EQ(announcer->log, (QStringList{"stop", "speak:Paused"}));
 }
 
@@ -244,8 +263,18 @@ TEST_F(KeyboardFocusTest, NothingIsSpokenWithAScreenReader)
 {
     announcer->screenReaderRunning = true;
     leave();
+    waitPastTheSpeechDelay();
     comeBack();
     QCoreApplication::processEvents();
+    EXPECT_TRUE(announcer->log.isEmpty());
+}
+
+TEST_F(KeyboardFocusTest, AScreenReaderStartedWhileTheKeysAreAwayKeepsTheVoiceSilent)
+{
+    leave();
+    announcer->screenReaderRunning = true;
+    waitPastTheSpeechDelay();
+    comeBack();
     EXPECT_TRUE(announcer->log.isEmpty());
 }
 
