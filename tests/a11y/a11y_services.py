@@ -471,7 +471,15 @@ DefaultModule recorder
                 events.append(("cancel", command.upper()))
         if self.keep_start_up_warning:
             return events
-        return [e for e in events if e[0] != "speak" or _without_start_up_warning([e[1]], False)]
+        # The start-up warning leaves with the cancel the voice sends before each text.
+        kept = []
+        for event in events:
+            if event[0] == "speak" and not _without_start_up_warning([event[1]], False):
+                if kept and kept[-1] == ("cancel", "CANCEL SELF"):
+                    kept.pop()
+                continue
+            kept.append(event)
+        return kept
 
     def texts_of(self, client):
         """The texts a client sent with SPEAK."""
