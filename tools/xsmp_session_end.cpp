@@ -204,7 +204,8 @@ int main()
             if (IceConn connection = IceAcceptConnection(local, &status))
                 connections.push_back(connection);
         }
-        const std::vector<IceConn> watched = connections;
+        // The connections polled above; one accepted just now is polled from the next turn on.
+        const std::vector<IceConn> watched(connections.begin(), connections.begin() + (fds.size() - 2));
         for (std::size_t i = 0; i < watched.size(); ++i) {
             if ((fds[i + 2].revents & (POLLIN | POLLHUP | POLLERR)) == 0)
                 continue;

@@ -56,6 +56,11 @@ class EndingTest(unittest.TestCase):
         end, status = WAYS[way]
         with Desktop() as d:
             d.session_manager = None
+            if way == "the X server going away":
+                # Qt ends the program with exit(1) when the display connection breaks: nothing is
+                # freed then, by design, so a leak check at that exit reports only that (the
+                # sanitizers' other checks stay on).
+                d.env["ASAN_OPTIONS"] += ":detect_leaks=0"
             if way == "the desktop session ending":
                 self.start_session_manager(d)
             d.start_plinkora()
