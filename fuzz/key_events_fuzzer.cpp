@@ -48,7 +48,6 @@ constexpr std::array<KeyCode, 57> kInterestingKeys{
     39,  12,  15,  34,  33,  42,  6,   7,   8,   9,   11,  45,  46,  43,  18,  19,  20,  21,  23,
     22,  26,  28,  25,  29,  122, 120, 99,  118, 123, 124, 125, 126, 47,  44,  48,  115, 116, 36,
 };
-constexpr KeyCode kKeyEscape = 53;
 
 /// Checks every message recorded from `from` on and follows the notes they leave sounding.
 class OutputChecker
