@@ -6,6 +6,7 @@
 #include "benders/bender_controller.h"
 #include "benders/sound_player.h"
 #include "common/diagnostics.h"
+#include "common/user_text.h"
 #include "input/keyboard_monitor.h"
 #include "midi/connection_keeper.h"
 #include "midi/midi_manager.h"
@@ -140,7 +141,7 @@ void AppDelegate::applicationDidFinishLaunching()
     // Before the key-event filter, which must stay in front of every application filter.
     keyFocusWatch_ = std::make_unique<KeyFocusWatch>(*keyboardMonitor, &applicationKeyWindow);
     midiService_->watch([manager = keyboardMonitor->propertyManager.get()](std::string_view text) {
-        manager->announce(QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size())));
+        manager->announce(UserText::announcement(std::string(text).c_str()));
     });
 
     keyEventFilter_ = std::make_unique<KeyEventFilter>(*keyboardMonitor);
@@ -175,7 +176,7 @@ void AppDelegate::makeConnections()
 
     PropertyManager* properties = keyboardMonitor->propertyManager.get();
     connectionKeeper = std::make_unique<ConnectionKeeper>(
-        patchbay, settings_, [properties](const QString& text) { properties->announce(text); }, synth,
+        patchbay, settings_, [properties](const UserText& text) { properties->announce(text); }, synth,
         QString::fromUtf8(backend.apiName()), midiManager->virtualSource != 0);
     const auto showStatus = [this] {
         if (window)

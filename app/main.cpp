@@ -102,7 +102,7 @@ int main(int argc, char** argv)
         // The built-in synthesizer's problems (a missing sound font, no audio output) are
         // announced like property changes.
         if (BuiltInSynth* synth = desktop->synth(); synth && delegate->keyboardMonitor)
-            synth->setAnnounce([monitor = delegate->keyboardMonitor.get()](const QString& text) {
+            synth->setAnnounce([monitor = delegate->keyboardMonitor.get()](const UserText& text) {
                 monitor->propertyManager->announce(text);
             });
         status = QApplication::exec();

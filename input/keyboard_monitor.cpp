@@ -1,6 +1,7 @@
 #include "input/keyboard_monitor.h"
 
 #include "benders/bender_controller.h"
+#include "common/user_text.h"
 #include "common/settings_store.h"
 #include "input/function_key_config.h"
 #include "input/key_table.h"
@@ -237,7 +238,7 @@ void KeyboardMonitor::focusLost()
     releaseHeldKeys();
     QTimer::singleShot(kSpeechDelayMs, &speechContext_, [this] {
         if (focusAway && !pausedSpoken_)
-            pausedSpoken_ = speakWithoutScreenReader("Paused");
+            pausedSpoken_ = speakWithoutScreenReader(QT_TRANSLATE_NOOP("Announcement", "Paused"));
     });
 }
 
@@ -264,7 +265,7 @@ void KeyboardMonitor::focusRegained()
     }
     if (pausedSpoken_) {
         pausedSpoken_ = false;
-        speakWithoutScreenReader("Playing");
+        speakWithoutScreenReader(QT_TRANSLATE_NOOP("Announcement", "Playing"));
     }
 }
 
@@ -289,7 +290,7 @@ void KeyboardMonitor::allNotesOff()
         sustainActive = false;
         sustainToPressAgain = true;
     }
-    propertyManager->announce(QStringLiteral("All notes off"));
+    propertyManager->announce(UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "All notes off")));
 }
 
 bool KeyboardMonitor::speakWithoutScreenReader(const char* text)
@@ -300,7 +301,7 @@ bool KeyboardMonitor::speakWithoutScreenReader(const char* text)
         return false;
     if (voice->isSpeaking())
         voice->stopSpeaking();
-    voice->speak(QString::fromLatin1(text));
+    voice->speak(UserText::announcement(text).shown);
     return true;
 }
 

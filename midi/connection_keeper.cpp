@@ -4,6 +4,7 @@
 #include "common/settings_store.h"
 #include "synth/synth_control.h"
 
+#include <QCoreApplication>
 #include <QMetaObject>
 #include <QTimer>
 
@@ -109,16 +110,16 @@ void ConnectionKeeper::refresh()
 
     for (const MidiDestination& destination : connections) {
         if (!contains(connections_, destination))
-            announce_(QStringLiteral("Connected to %1").arg(nameOf(destination)));
+            announce_(UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "Connected to %1"), {nameOf(destination)}));
     }
     for (const MidiDestination& destination : connections_) {
         if (!contains(connections, destination))
-            announce_(QStringLiteral("%1 disconnected").arg(nameOf(destination)));
+            announce_(UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "%1 disconnected"), {nameOf(destination)}));
     }
     const bool heard = synthHeard();
     if (heard != synthWasHeard_) {
-        announce_(heard ? QStringLiteral("Connected to %1").arg(QLatin1String(kSynthName))
-                        : QStringLiteral("%1 disconnected").arg(QLatin1String(kSynthName)));
+        announce_(heard ? UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "Connected to %1"), {synthName()})
+                        : UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "%1 disconnected"), {synthName()}));
     }
 
     destinations_ = std::move(destinations);
@@ -188,16 +189,30 @@ QStringList ConnectionKeeper::remembered() const
     return settings_.stringListForKey(QLatin1String(kConnectionsKey));
 }
 
+UserText ConnectionKeeper::synthName()
+{
+    return UserText::translated("Connections", kSynthName);
+}
+
+QString ConnectionKeeper::shownName(const QString& name)
+{
+    return name == QLatin1String(kSynthName) ? synthName().shown : name;
+}
+
 QString ConnectionKeeper::statusText() const
 {
-    QString text = QStringLiteral("MIDI: %1, ").arg(midiSystem_);
+    const auto translated = [](const char* source) { return QCoreApplication::translate("Connections", source); };
     if (!published_)
-        return text + QStringLiteral("no port");
-    const QStringList names = connectedNames();
-    text += QStringLiteral("port PLK:PLK");
-    if (!names.isEmpty())
-        return text + QStringLiteral(", connected to ") + names.join(QStringLiteral(", "));
-    return connectionsVisible ? text + QStringLiteral(", not connected") : text;
+        return translated(QT_TRANSLATE_NOOP("Connections", "MIDI: %1, no port")).arg(midiSystem_);
+    QStringList names = connectedNames();
+    if (!names.isEmpty()) {
+        for (QString& name : names)
+            name = shownName(name);
+        return translated(QT_TRANSLATE_NOOP("Connections", "MIDI: %1, port PLK:PLK, connected to %2"))
+            .arg(midiSystem_, names.join(QStringLiteral(", ")));
+    }
+    return connectionsVisible ? translated(QT_TRANSLATE_NOOP("Connections", "MIDI: %1, port PLK:PLK, not connected")).arg(midiSystem_)
+                              : translated(QT_TRANSLATE_NOOP("Connections", "MIDI: %1, port PLK:PLK")).arg(midiSystem_);
 }
 
 void ConnectionKeeper::checkSomethingSounds()
@@ -209,7 +224,7 @@ void ConnectionKeeper::checkSomethingSounds()
     const std::string connected = names.join(QStringLiteral(", ")).toStdString();
     printLine("Connections at start: " + (names.isEmpty() ? std::string("none, nothing will sound") : connected));
     if (names.isEmpty())
-        announce_(QStringLiteral("Nothing is connected to PLK"));
+        announce_(UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "Nothing is connected to PLK")));
 }
 
 bool ConnectionKeeper::matches(const QString& wanted, const MidiDestination& destination,
@@ -279,7 +294,7 @@ void ConnectionKeeper::forget(const MidiDestination& destination)
 void ConnectionKeeper::cannotConnect(const QString& name, const std::string& reason)
 {
     printLine("Cannot connect PLK to " + name.toStdString() + ": " + reason);
-    announce_(QStringLiteral("Cannot connect to %1").arg(name));
+    announce_(UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "Cannot connect to %1"), {name}));
 }
 
 } // namespace plinkora

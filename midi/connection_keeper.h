@@ -3,6 +3,7 @@
 // Qt 6.4's moc cannot parse the standard library's <concepts>, which <compare> brings in; it
 // needs nothing from this header.
 #ifndef Q_MOC_RUN
+#include "common/user_text.h"
 #include "midi/midi_patchbay.h"
 #endif
 
@@ -54,7 +55,7 @@ class ConnectionKeeper final : public QObject
     Q_OBJECT
 
 public:
-    using Announce = std::function<void(const QString&)>;
+    using Announce = std::function<void(const UserText&)>;
 
     /// `synth` may be null (no built-in synthesizer); `midiSystem` is the name of the MIDI
     /// system PLK is published on ("jack", "alsa", "null") and `published` whether it is.
@@ -70,7 +71,11 @@ public:
     /// The setting holding the remembered connections, a list of "client:port".
     static constexpr const char* kConnectionsKey = "Connections";
     /// The name of the built-in synthesizer's entry.
-    static constexpr const char* kSynthName = "Built-in synthesizer";
+    static constexpr const char* kSynthName = QT_TRANSLATE_NOOP("Connections", "Built-in synthesizer");
+    /// That name in English and in the user's language.
+    static UserText synthName();
+    /// `name` as the user reads it: the built-in synthesizer's in the user's language, any other as it is.
+    static QString shownName(const QString& name);
 
     /// Reads the remembered connections, adds `connectThisRun` (from --connect: kept for this
     /// run, not remembered) and connects every one that is there. A name from the command line

@@ -142,7 +142,7 @@ void RecoveringBackend::handleLoss()
     if (lossHandled_ || disposed_ || !published_)
         return;
     lossHandled_ = true;
-    tell("MIDI output lost: ", "MIDI output lost");
+    tell("MIDI output lost: ", QT_TRANSLATE_NOOP("Announcement", "MIDI output lost"));
     // The client and the source of the dead service go at once; the new ones are made below.
     port_->disposeSource(portSource_);
     port_->disposeClient(portClient_);
@@ -172,7 +172,7 @@ void RecoveringBackend::retry()
     patchbay_->serviceBack();
     pending_ = remembered_;
     connectPending();
-    tell("MIDI output back: ", "MIDI output back");
+    tell("MIDI output back: ", QT_TRANSLATE_NOOP("Announcement", "MIDI output back"));
     tellViews();
 }
 

@@ -1,5 +1,7 @@
 #include "properties/midi_property.h"
 
+#include <QCoreApplication>
+
 namespace plinkora {
 
 MIDIProperty::MIDIProperty(QString name_, MIDIPropertyType type_, std::int64_t value_, std::int64_t minValue_,
@@ -18,14 +20,26 @@ MIDIProperty::MIDIProperty(QString name_, MIDIPropertyType type_, std::int64_t v
 
 QString MIDIProperty::displayText() const
 {
+    return text().english;
+}
+
+UserText MIDIProperty::text() const
+{
+    QString valueText;
     switch (type) {
     case MIDIPropertyType::channel:
-        return name + QStringLiteral(": ") + QString::number(value + 1);
+        valueText = QString::number(value + 1);
+        break;
     case MIDIPropertyType::transpose:
-        return name + QStringLiteral(": ") + (value >= 0 ? QStringLiteral("+") : QString()) + QString::number(value);
+        valueText = (value >= 0 ? QStringLiteral("+") : QString()) + QString::number(value);
+        break;
     default:
-        return name + QStringLiteral(": ") + QString::number(value);
+        valueText = QString::number(value);
+        break;
     }
+    const QByteArray source = name.toUtf8();
+    return UserText::translated("Property", QT_TRANSLATE_NOOP("Property", "%1: %2"),
+                                {{name, QCoreApplication::translate("Property", source.constData())}, valueText});
 }
 
 std::vector<std::unique_ptr<MIDIProperty>> makeProperties()
@@ -33,16 +47,18 @@ std::vector<std::unique_ptr<MIDIProperty>> makeProperties()
     using T = MIDIPropertyType;
     std::vector<std::unique_ptr<MIDIProperty>> list;
     list.reserve(8);
+    // The names stay English here (they name the properties everywhere); text() translates them.
+    const auto named = [](const char* name) { return QString::fromUtf8(name); };
     // Channels 1, 5, 9 and 13 are one large step apart; pan moves by 16; transposition by half
     // an octave. The bank goes out as bank select (coarse) alone.
-    list.push_back(std::make_unique<MIDIProperty>(QStringLiteral("Channel"), T::channel, 0, 0, 15, 1, 4, std::nullopt));
-    list.push_back(std::make_unique<MIDIProperty>(QStringLiteral("Program"), T::program, 0, 0, 127, 1, 10, std::nullopt));
-    list.push_back(std::make_unique<MIDIProperty>(QStringLiteral("Bank"), T::bank, 0, 0, 127, 1, 10, 0));
-    list.push_back(std::make_unique<MIDIProperty>(QStringLiteral("Volume"), T::volume, 100, 0, 127, 1, 10, 7));
-    list.push_back(std::make_unique<MIDIProperty>(QStringLiteral("Pan"), T::pan, 64, 0, 127, 1, 16, 10));
-    list.push_back(std::make_unique<MIDIProperty>(QStringLiteral("Reverb"), T::reverb, 40, 0, 127, 1, 10, 91));
-    list.push_back(std::make_unique<MIDIProperty>(QStringLiteral("Chorus"), T::chorus, 0, 0, 127, 1, 10, 93));
-    list.push_back(std::make_unique<MIDIProperty>(QStringLiteral("Transpose"), T::transpose, 0, -24, 24, 1, 6, std::nullopt));
+    list.push_back(std::make_unique<MIDIProperty>(named(QT_TRANSLATE_NOOP("Property", "Channel")), T::channel, 0, 0, 15, 1, 4, std::nullopt));
+    list.push_back(std::make_unique<MIDIProperty>(named(QT_TRANSLATE_NOOP("Property", "Program")), T::program, 0, 0, 127, 1, 10, std::nullopt));
+    list.push_back(std::make_unique<MIDIProperty>(named(QT_TRANSLATE_NOOP("Property", "Bank")), T::bank, 0, 0, 127, 1, 10, 0));
+    list.push_back(std::make_unique<MIDIProperty>(named(QT_TRANSLATE_NOOP("Property", "Volume")), T::volume, 100, 0, 127, 1, 10, 7));
+    list.push_back(std::make_unique<MIDIProperty>(named(QT_TRANSLATE_NOOP("Property", "Pan")), T::pan, 64, 0, 127, 1, 16, 10));
+    list.push_back(std::make_unique<MIDIProperty>(named(QT_TRANSLATE_NOOP("Property", "Reverb")), T::reverb, 40, 0, 127, 1, 10, 91));
+    list.push_back(std::make_unique<MIDIProperty>(named(QT_TRANSLATE_NOOP("Property", "Chorus")), T::chorus, 0, 0, 127, 1, 10, 93));
+    list.push_back(std::make_unique<MIDIProperty>(named(QT_TRANSLATE_NOOP("Property", "Transpose")), T::transpose, 0, -24, 24, 1, 6, std::nullopt));
     return list;
 }
 

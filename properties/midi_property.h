@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/user_text.h"
+
 #include <QString>
 
 #include <cstdint>
@@ -34,6 +36,8 @@ public:
 
     /// "Channel: 1" (shown 1 to 16), "Transpose: +6" / "Transpose: -12", "Pan: 64".
     QString displayText() const;
+    /// The same with the name in the user's language as well ("Kanal: 1").
+    UserText text() const;
 
     QString name;
     MIDIPropertyType type;

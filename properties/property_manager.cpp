@@ -110,8 +110,9 @@ void PropertyManager::announceCurrentProperty()
     const MIDIProperty* property = selected();
     if (!property)
         return;
-    announce(property->displayText() + QStringLiteral(", ") + QString::number(currentIndex + 1) + QStringLiteral(" of ")
-             + QString::number(properties.size()));
+    announce(UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "%1, %2 of %3"),
+                                    {property->text(), QString::number(currentIndex + 1),
+                                     QString::number(properties.size())}));
 }
 
 void PropertyManager::announceValue()
@@ -121,8 +122,11 @@ void PropertyManager::announceValue()
         return;
     switch (property->type) {
     case MIDIPropertyType::transpose:
-        announce(property->value < 0 ? QStringLiteral("minus ") + QString::number(-property->value)
-                                     : QStringLiteral("plus ") + QString::number(property->value));
+        announce(property->value < 0
+                     ? UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "minus %1"),
+                                              {QString::number(-property->value)})
+                     : UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "plus %1"),
+                                              {QString::number(property->value)}));
         break;
     case MIDIPropertyType::channel:
         announce(QString::number(property->value + 1));
@@ -133,9 +137,10 @@ void PropertyManager::announceValue()
     }
 }
 
-void PropertyManager::announce(const QString& text)
+void PropertyManager::announce(const UserText& userText)
 {
-    printLine(("Announcing: " + text).toStdString());
+    printLine(("Announcing: " + userText.english).toStdString());
+    const QString text = userText.shown;
     if (!QCoreApplication::instance())
         fatal("no application object to post the announcement through");
     QMetaObject::invokeMethod(

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/user_text.h"
 #include "properties/announcer.h"
 #include "properties/midi_property.h"
 
@@ -33,9 +34,9 @@ public:
     /// The Transpose property's value in semitones; 0 when there is none.
     std::int64_t getTranspose() const;
 
-    /// Prints "Announcing: " and the text, then posts and speaks it on the next turn of the
-    /// event loop (unless this manager is gone by then).
-    void announce(const QString& text);
+    /// Prints "Announcing: " and the English text, then posts and speaks it in the user's
+    /// language on the next turn of the event loop (unless this manager is gone by then).
+    void announce(const UserText& text);
 
     std::vector<std::unique_ptr<MIDIProperty>> properties;
     std::int64_t currentIndex = 0;

@@ -8,6 +8,24 @@
 namespace plinkora {
 
 namespace {
+
+/// A problem line of the engine in both forms: its known beginnings are translated, the rest (a
+/// path, the audio systems' own words) stays as it is.
+UserText problemText(const std::string& line)
+{
+    static const char* const kProblems[] = {
+        QT_TRANSLATE_NOOP("Announcement", "Sound font not found: %1"),
+        QT_TRANSLATE_NOOP("Announcement", "Sound font could not be read: %1"),
+        QT_TRANSLATE_NOOP("Announcement", "Audio output failed: %1"),
+    };
+    const QString text = QString::fromStdString(line);
+    for (const char* problem : kProblems) {
+        const QString start = QString::fromUtf8(problem).chopped(2); // without "%1"
+        if (text.startsWith(start))
+            return UserText::announcement(problem, {text.mid(start.size())});
+    }
+    return text;
+}
 constexpr const char* kFluidR3 = "/usr/share/sounds/sf2/FluidR3_GM.sf2";
 constexpr const char* kFluidR3Compressed = "/usr/share/sounds/sf3/FluidR3_GM.sf3";
 constexpr const char* kTimGM6mb = "/usr/share/sounds/sf2/TimGM6mb.sf2";
@@ -52,7 +70,7 @@ BuiltInSynth::BuiltInSynth(SettingsStore& settings, Options options)
     engine_.setChangedCallback([this] { notify(); });
     engine_.setProblemCallback([this](const std::string& line) {
         if (announce_)
-            announce_(QString::fromStdString(line));
+            announce_(problemText(line));
     });
 }
 

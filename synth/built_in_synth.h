@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/user_text.h"
 #include "midi/fan_out_backend.h"
 #include "synth/fluid_engine.h"
 #include "synth/synth_control.h"
@@ -54,7 +55,7 @@ public:
     /// Follows PLK's readers on `patchbay` for the auto mode (null: nobody reads PLK).
     void setPatchbay(MidiPatchbay* patchbay);
     /// Where problems are announced (the property manager's announce); empty: printed only.
-    void setAnnounce(std::function<void(const QString&)> announce) { announce_ = std::move(announce); }
+    void setAnnounce(std::function<void(const UserText&)> announce) { announce_ = std::move(announce); }
 
     // SynthControl
     SynthMode mode() const override { return policy_.mode(); }
@@ -78,7 +79,7 @@ private:
     std::string soundFont_;
     bool started_ = false;
     bool loadRequested_ = false;
-    std::function<void(const QString&)> announce_;
+    std::function<void(const UserText&)> announce_;
     std::function<void()> changed_;
 };
 

@@ -14,26 +14,33 @@ namespace {
 
 constexpr int kNameRole = Qt::UserRole;
 
+/// The entry's name as the user reads it.
+QString name(const ConnectionEntry& entry)
+{
+    return ConnectionKeeper::shownName(entry.name);
+}
+
 /// What a screen reader says for the entry: its name and its state.
 QString spokenText(const ConnectionEntry& entry)
 {
     switch (entry.kind) {
     case ConnectionEntry::Kind::Synth:
-        return entry.name + (entry.checked ? QStringLiteral(", playing") : QStringLiteral(", off"));
+        return (entry.checked ? ConnectionsView::tr("%1, playing") : ConnectionsView::tr("%1, off")).arg(name(entry));
     case ConnectionEntry::Kind::Absent:
-        return entry.name + QStringLiteral(", remembered, not there now");
+        return ConnectionsView::tr("%1, remembered, not there now").arg(name(entry));
     case ConnectionEntry::Kind::Destination:
         break;
     }
-    return entry.name + (entry.checked ? QStringLiteral(", connected") : QStringLiteral(", not connected"));
+    return (entry.checked ? ConnectionsView::tr("%1, connected") : ConnectionsView::tr("%1, not connected"))
+        .arg(name(entry));
 }
 
 /// What the entry shows beside its check box.
 QString shownText(const ConnectionEntry& entry)
 {
     if (entry.kind == ConnectionEntry::Kind::Absent)
-        return entry.name + QStringLiteral(" (not there now)");
-    return entry.name;
+        return ConnectionsView::tr("%1 (not there now)").arg(name(entry));
+    return name(entry);
 }
 
 } // namespace
@@ -45,14 +52,14 @@ ConnectionsView::ConnectionsView(ConnectionKeeper& keeper, QWidget* parent)
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(20, 0, 20, 10);
 
-    heading_ = new QLabel(QString::fromLatin1(kHeading), this);
+    heading_ = new QLabel(tr(kHeading), this);
     heading_->setFont(designfonts::systemFont(18, QFont::Bold));
     layout->addWidget(heading_);
 
     list_ = new QListWidget(this);
-    list_->setAccessibleName(QString::fromLatin1(kHeading));
+    list_->setAccessibleName(tr(kHeading));
     list_->setAccessibleDescription(
-        QStringLiteral("The MIDI inputs PLK can play into. Space connects or disconnects the selected one."));
+        tr("The MIDI inputs PLK can play into. Space connects or disconnects the selected one."));
     list_->setSelectionMode(QAbstractItemView::SingleSelection);
     list_->setTabKeyNavigation(false);
     heading_->setBuddy(list_);

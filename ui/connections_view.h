@@ -28,7 +28,7 @@ public:
     ConnectionsView(const ConnectionsView&) = delete;
     ConnectionsView& operator=(const ConnectionsView&) = delete;
 
-    static constexpr const char* kHeading = "Connections";
+    static constexpr const char* kHeading = QT_TR_NOOP("Connections");
 
     QLabel* headingLabel() const { return heading_; }
     QListWidget* list() const { return list_; }

@@ -21,16 +21,16 @@ namespace {
 
 QString statusText()
 {
-    return QStringLiteral("\u2713 MIDI Device Active");
+    return QStringLiteral("\u2713 ") + KeyboardView::tr("MIDI Device Active");
 }
 
 /// The shortcut modifier as the instructions name it: the Command key on macOS, Ctrl elsewhere.
 QString shortcutModifierName()
 {
 #ifdef Q_OS_MACOS
-    return QStringLiteral("Cmd");
+    return KeyboardView::tr("Cmd");
 #else
-    return QStringLiteral("Ctrl");
+    return KeyboardView::tr("Ctrl");
 #endif
 }
 
@@ -84,23 +84,23 @@ KeyboardView::~KeyboardView()
 QString KeyboardView::instructionsText()
 {
     const QStringList lines{
-        QStringLiteral("KEYBOARD LAYOUT:"),
+        tr("KEYBOARD LAYOUT:"),
         QString(),
-        QStringLiteral("Number Keys (1-9, 0): Change octave"),
+        tr("Number Keys (1-9, 0): Change octave"),
         QString(),
-        QStringLiteral("Piano Keys:"),
-        QStringLiteral("  W E   T Y U   O P   ]: Black keys (sharps)"),
-        QStringLiteral("A S D F G H J K L ; ` ': White keys"),
-        QStringLiteral("Q R I [ \\: Extended (G# A A# B C)"),
+        tr("Piano Keys:"),
+        tr("  W E   T Y U   O P   ]: Black keys (sharps)"),
+        tr("A S D F G H J K L ; ` ': White keys"),
+        tr("Q R I [ \\: Extended (G# A A# B C)"),
         QString(),
-        QStringLiteral("Velocity: Z=20  X=40  C=60  V=80  B=100  N=115  M=120  ,=127"),
+        tr("Velocity: Z=20  X=40  C=60  V=80  B=100  N=115  M=120  ,=127"),
         QString(),
-        QStringLiteral("Benders:"),
-        QStringLiteral("Up/down: Pitch Bend,  left/right: Modulation, period: Toggle Pitch Auto-Release, "
+        tr("Benders:"),
+        tr("Up/down: Pitch Bend,  left/right: Modulation, period: Toggle Pitch Auto-Release, "
                        "slash: Toggle Mod Auto-Release."),
         QString(),
-        QStringLiteral("This app appears as \"PLK\" in other MIDI applications."),
-        QStringLiteral("Keep this window focused to play. %1+Q to quit, %1+, for preferences.").arg(shortcutModifierName()),
+        tr("This app appears as \"PLK\" in other MIDI applications."),
+        tr("Keep this window focused to play. %1+Q to quit, %1+, for preferences.").arg(shortcutModifierName()),
     };
     return lines.join(QLatin1Char('\n'));
 }
@@ -129,20 +129,21 @@ void KeyboardView::setupUI()
     // renaming the focused object makes screen readers misread it. The live values are on the
     // labels.
     setFocusPolicy(Qt::StrongFocus);
-    setAccessibleName(QString::fromLatin1(kAccessibleName));
-    setAccessibleDescription(QStringLiteral("MIDI Device Active. ") + instructionsText().section(QLatin1Char('\n'), -1));
+    setAccessibleName(tr(kAccessibleName));
+    setAccessibleDescription(tr("MIDI Device Active") + QStringLiteral(". ")
+                             + instructionsText().section(QLatin1Char('\n'), -1));
 
     using designfonts::monospacedFont;
     using designfonts::systemFont;
-    titleLabel_ = makeLabel(this, QStringLiteral("Plinkora"), systemFont(24, QFont::Bold), Qt::AlignCenter);
+    titleLabel_ = makeLabel(this, tr("Plinkora"), systemFont(24, QFont::Bold), Qt::AlignCenter);
     statusLabel_ = makeLabel(this, statusText(), systemFont(14), Qt::AlignCenter);
     QPalette statusPalette = statusLabel_->palette();
     statusPalette.setColor(QPalette::WindowText, activeGreen(palette()));
     statusLabel_->setPalette(statusPalette);
-    octaveLabel_ = makeLabel(this, QStringLiteral("Octave: 4"), monospacedFont(16, QFont::Medium), Qt::AlignCenter);
-    velocityLabel_ = makeLabel(this, QStringLiteral("Velocity: 80"), monospacedFont(16, QFont::Medium), Qt::AlignCenter);
-    pitchBendLabel_ = makeLabel(this, QStringLiteral("Pitch: 0"), monospacedFont(14), Qt::AlignCenter);
-    modulationLabel_ = makeLabel(this, QStringLiteral("Mod: 0"), monospacedFont(14), Qt::AlignCenter);
+    octaveLabel_ = makeLabel(this, tr("Octave: %1").arg(4), monospacedFont(16, QFont::Medium), Qt::AlignCenter);
+    velocityLabel_ = makeLabel(this, tr("Velocity: %1").arg(80), monospacedFont(16, QFont::Medium), Qt::AlignCenter);
+    pitchBendLabel_ = makeLabel(this, tr("Pitch: %1").arg(0), monospacedFont(14), Qt::AlignCenter);
+    modulationLabel_ = makeLabel(this, tr("Mod: %1").arg(0), monospacedFont(14), Qt::AlignCenter);
     instructionsLabel_ =
         makeLabel(this, instructionsText(), monospacedFont(12), Qt::AlignLeft | Qt::AlignTop);
     instructionsLabel_->setWordWrap(true);
@@ -163,17 +164,17 @@ void KeyboardView::startUpdateTimer()
 void KeyboardView::updateDisplay()
 {
     const BenderController& bender = *keyboardMonitor_.benderController;
-    octaveLabel_->setText(QStringLiteral("Octave: ") + QString::number(keyboardMonitor_.currentOctave));
-    velocityLabel_->setText(QStringLiteral("Velocity: ") + QString::number(keyboardMonitor_.currentVelocity));
+    octaveLabel_->setText(tr("Octave: %1").arg(keyboardMonitor_.currentOctave));
+    velocityLabel_->setText(tr("Velocity: %1").arg(QString::number(keyboardMonitor_.currentVelocity)));
 
     const std::int64_t bend = truncatedOrFatal(bender.pitchBend, "pitch bend");
     if (bend < std::numeric_limits<std::int64_t>::min() + 8192)
         fatal(QStringLiteral("the pitch bend value %1 minus 8192 overflows").arg(bend).toStdString());
     const std::int64_t pitch = bend - 8192;
-    pitchBendLabel_->setText(QStringLiteral("Pitch: ") + QString::number(pitch));
+    pitchBendLabel_->setText(tr("Pitch: %1").arg(pitch));
 
     const std::int64_t modulation = truncatedOrFatal(bender.modulation, "modulation");
-    modulationLabel_->setText(QStringLiteral("Mod: ") + QString::number(modulation));
+    modulationLabel_->setText(tr("Mod: %1").arg(modulation));
 
     // The status lines keep their own widths, pinned to the left and right insets.
     layoutStatusLines();

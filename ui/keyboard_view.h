@@ -35,7 +35,7 @@ public:
     /// The refresh interval in milliseconds.
     static constexpr int kRefreshIntervalMs = 100;
     /// The fixed accessible name of the view, which has the keyboard focus while playing.
-    static constexpr const char* kAccessibleName = "Plinkora keyboard";
+    static constexpr const char* kAccessibleName = QT_TR_NOOP("Plinkora keyboard");
     static constexpr int kDesignWidth = 600;
     static constexpr int kDesignHeight = 400;
 

@@ -17,7 +17,7 @@ namespace plinkora {
 MainWindow::MainWindow(KeyboardMonitor& keyboardMonitor)
     : QMainWindow(nullptr)
 {
-    setWindowTitle(QStringLiteral("Plinkora"));
+    setWindowTitle(tr("Plinkora"));
     buildMenu();
 
     keyboardView_ = new KeyboardView(keyboardMonitor);
@@ -59,16 +59,16 @@ void MainWindow::buildMenu()
 #else
     QMenuBar* bar = menuBar();
 #endif
-    applicationMenu_ = bar->addMenu(QStringLiteral("Plinkora"));
+    applicationMenu_ = bar->addMenu(tr("Plinkora"));
 
     // Deliberately without action: shown greyed out, choosing it does nothing.
-    aboutAction_ = applicationMenu_->addAction(QStringLiteral("About Plinkora"));
+    aboutAction_ = applicationMenu_->addAction(tr("About Plinkora"));
     aboutAction_->setEnabled(false);
     applicationMenu_->addSeparator();
-    preferencesAction_ = applicationMenu_->addAction(QStringLiteral("Preferences..."));
+    preferencesAction_ = applicationMenu_->addAction(tr("Preferences..."));
     preferencesAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma));
     applicationMenu_->addSeparator();
-    quitAction_ = applicationMenu_->addAction(QStringLiteral("Quit Plinkora"));
+    quitAction_ = applicationMenu_->addAction(tr("Quit Plinkora"));
     quitAction_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
 
     // The menu is the application's: its shortcuts work in the preferences window as well.

@@ -78,7 +78,7 @@ PreferencesWindow::PreferencesWindow(BenderController& benderController, Setting
         return true;
     }();
     (void)accessibilityInstalled;
-    setWindowTitle(QStringLiteral("Preferences"));
+    setWindowTitle(tr("Preferences"));
     // Titled and closable, neither resizable nor minimisable.
     setFixedSize(kWidth, connections ? kHeight + kConnectionsHeight : kHeight);
     // Closing hides the window; its owner deletes it when told by `closed`.
@@ -133,7 +133,7 @@ void PreferencesWindow::setupConnections(ConnectionKeeper& keeper)
 {
     // Below the function keys and the sound font row, in the added height.
     constexpr int top = kHeight - 30;
-    auto* group = new SettingsGroup(QString::fromLatin1(ConnectionsView::kHeading), this);
+    auto* group = new SettingsGroup(ConnectionsView::tr(ConnectionsView::kHeading), this);
     group->setGeometry(0, top, kWidth, kHeight + kConnectionsHeight - top);
     auto* layout = new QVBoxLayout(group);
     layout->setContentsMargins(0, 0, 0, 0);
@@ -147,10 +147,10 @@ void PreferencesWindow::setupConnections(ConnectionKeeper& keeper)
 void PreferencesWindow::setupBenderGroup()
 {
     constexpr int h = kBenderGroupHeight;
-    benderGroup_ = new SettingsGroup(QStringLiteral("Bender Settings"), this);
+    benderGroup_ = new SettingsGroup(tr("Bender Settings"), this);
     benderGroup_->setGeometry(frameInParent(0, 260, 400, h, kHeight));
 
-    QLabel* heading = makeLabel(QStringLiteral("Bender Settings"), benderGroup_, frameInParent(20, 140, 360, 30, h));
+    QLabel* heading = makeLabel(tr("Bender Settings"), benderGroup_, frameInParent(20, 140, 360, 30, h));
     heading->setFont(designfonts::systemFont(18, QFont::Bold));
 
     const auto speedRow = [this](const QString& caption, int rowY, double speed, QLabel*& valueLabel,
@@ -168,10 +168,10 @@ void PreferencesWindow::setupBenderGroup()
         // Setting the start value is not a user's move: nothing is applied or stored.
         slider->setDoubleValue(speed);
     };
-    speedRow(QStringLiteral("Pitch Bend Speed:"), 100, benderController_.pitchBendSpeed, pitchSpeedLabel_,
-             pitchSpeedSlider_, QStringLiteral("Pitch Bend Speed"));
-    speedRow(QStringLiteral("Modulation Speed:"), 30, benderController_.modulationSpeed, modSpeedLabel_,
-             modSpeedSlider_, QStringLiteral("Modulation Speed"));
+    speedRow(tr("Pitch Bend Speed:"), 100, benderController_.pitchBendSpeed, pitchSpeedLabel_,
+             pitchSpeedSlider_, tr("Pitch Bend Speed"));
+    speedRow(tr("Modulation Speed:"), 30, benderController_.modulationSpeed, modSpeedLabel_,
+             modSpeedSlider_, tr("Modulation Speed"));
 
     // Sliders report while dragged (Qt's default, tracking), as the user moves them.
     connect(pitchSpeedSlider_, &QSlider::valueChanged, this, &PreferencesWindow::pitchSpeedChanged);
@@ -181,12 +181,12 @@ void PreferencesWindow::setupBenderGroup()
 void PreferencesWindow::setupFunctionKeyGroup()
 {
     constexpr int h = kFunctionKeyGroupHeight;
-    functionKeyGroup_ = new SettingsGroup(QStringLiteral("Function Key MIDI Controllers"), this);
+    functionKeyGroup_ = new SettingsGroup(tr("Function Key MIDI Controllers"), this);
     // Its top edge lies 10 inside the bottom of the bender group, as drawn.
     functionKeyGroup_->setGeometry(frameInParent(0, 108, 400, h, kHeight));
 
     QLabel* heading =
-        makeLabel(QStringLiteral("Function Key MIDI Controllers"), functionKeyGroup_, frameInParent(20, 132, 360, 30, h));
+        makeLabel(tr("Function Key MIDI Controllers"), functionKeyGroup_, frameInParent(20, 132, 360, 30, h));
     heading->setFont(designfonts::systemFont(18, QFont::Bold));
 
     using Handler = void (PreferencesWindow::*)();
@@ -196,14 +196,14 @@ void PreferencesWindow::setupFunctionKeyGroup()
         const int index = n - 1;
         const int rowY = 100 - 30 * index;
         QLabel* caption =
-            makeLabel(QStringLiteral("F%1 CC:").arg(n), functionKeyGroup_, frameInParent(20, rowY + 2, 80, 20, h));
+            makeLabel(tr("F%1 CC:").arg(n), functionKeyGroup_, frameInParent(20, rowY + 2, 80, 20, h));
         caption->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
 
         auto* field = new QLineEdit(storedCCText(index), functionKeyGroup_);
         field->setGeometry(frameInParent(110, rowY, 60, 24, h));
         // The caption is not the field's buddy: a buddy becomes the field's "labelled by"
         // relation, which screen readers read instead of the accessible name.
-        field->setAccessibleName(QStringLiteral("F%1 MIDI CC number").arg(n));
+        field->setAccessibleName(tr("F%1 MIDI CC number").arg(n));
         ccFields_[static_cast<std::size_t>(index)] = field;
 
         // Return commits what is typed, as the field's action. Leaving the field (Tab, a click
@@ -218,12 +218,12 @@ void PreferencesWindow::setupFunctionKeyGroup()
 void PreferencesWindow::setupSoundFontRow()
 {
     // Below the function keys: the built-in synthesizer's sound font and a button to choose one.
-    makeLabel(QStringLiteral("Sound font:"), this, frameInParent(20, 72, 100, 20, kHeight));
-    soundFontButton_ = new QPushButton(QStringLiteral("Choose…"), this);
+    makeLabel(tr("Sound font:"), this, frameInParent(20, 72, 100, 20, kHeight));
+    soundFontButton_ = new QPushButton(tr("Choose…"), this);
     soundFontButton_->setGeometry(frameInParent(280, 68, 100, 28, kHeight));
-    soundFontButton_->setAccessibleName(QStringLiteral("Choose sound font"));
+    soundFontButton_->setAccessibleName(tr("Choose sound font"));
     soundFontLabel_ = makeLabel(QString(), this, frameInParent(20, 40, 360, 20, kHeight));
-    soundFontLabel_->setAccessibleName(QStringLiteral("Sound font"));
+    soundFontLabel_->setAccessibleName(tr("Sound font"));
     soundFontLabel_->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
     QString path = settings_.stringForKey(QString::fromLatin1(BuiltInSynth::kSoundFontKey)).trimmed();
     showSoundFont(path.isEmpty() ? QString::fromStdString(BuiltInSynth::defaultSoundFont()) : path);
@@ -240,9 +240,9 @@ void PreferencesWindow::showSoundFont(const QString& path)
 void PreferencesWindow::chooseSoundFont()
 {
     const QString current = soundFontLabel_->toolTip();
-    const QString path = QFileDialog::getOpenFileName(this, QStringLiteral("Choose a sound font"),
+    const QString path = QFileDialog::getOpenFileName(this, tr("Choose a sound font"),
                                                       QFileInfo(current).absolutePath(),
-                                                      QStringLiteral("Sound fonts (*.sf2 *.sf3)"));
+                                                      tr("Sound fonts (*.sf2 *.sf3)"));
     if (path.isEmpty())
         return;
     showSoundFont(path);

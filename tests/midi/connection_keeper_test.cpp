@@ -28,7 +28,7 @@ protected:
     {
         if (!keeper_) {
             keeper_ = std::make_unique<ConnectionKeeper>(
-                patchbay, settings, [this](const QString& text) { heard << text; }, withSynth ? &synth : nullptr,
+                patchbay, settings, [this](const UserText& text) { heard << text.shown; }, withSynth ? &synth : nullptr,
                 QStringLiteral("jack"), true);
             keeper_->silenceCheckDelayMs = 0;
         }
@@ -270,7 +270,7 @@ TEST_F(ConnectionKeeperTest, TheStatusTextNamesTheSystemThePortAndTheConnections
     keeper().setConnected("sampler:in_1", true);
     EXPECT_EQ(keeper().statusText(), "MIDI: jack, port PLK:PLK, connected to fluidsynth:midi_00, sampler:in_1");
 
-    ConnectionKeeper unpublished(patchbay, settings, [](const QString&) {}, nullptr, "alsa", false);
+    ConnectionKeeper unpublished(patchbay, settings, [](const UserText&) {}, nullptr, "alsa", false);
     EXPECT_EQ(unpublished.statusText(), "MIDI: alsa, no port");
 }
 

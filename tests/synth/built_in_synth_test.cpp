@@ -121,7 +121,7 @@ TEST_F(BuiltInSynthTest, AMissingSoundFontSaysOneLineAndChoosingAnotherTriesAgai
     options.soundFont = "/no/such/font.sf2";
     BuiltInSynth synth(settings, options);
     std::vector<QString> announced;
-    synth.setAnnounce([&](const QString& text) { announced.push_back(text); });
+    synth.setAnnounce([&](const UserText& text) { announced.push_back(text.shown); });
     synth.start();
     ASSERT_TRUE(waitFor([&] { return !announced.empty(); }));
     EXPECT_EQ(announced, std::vector<QString>{QStringLiteral("Sound font not found: /no/such/font.sf2")});
@@ -137,7 +137,7 @@ TEST_F(BuiltInSynthTest, AFileThatIsNoSoundFontIsRefusedAndTheFontInUseKeepsPlay
 {
     BuiltInSynth synth(settings, fileOutput());
     std::vector<QString> announced;
-    synth.setAnnounce([&](const QString& text) { announced.push_back(text); });
+    synth.setAnnounce([&](const UserText& text) { announced.push_back(text.shown); });
     synth.start();
     ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
     const QString bogus = dir.filePath("bogus.sf2");
@@ -160,7 +160,7 @@ TEST_F(BuiltInSynthTest, AnAudioOutputThatCannotOpenSaysOneLine)
     options.engine.drivers = {"pulseaudio"};
     BuiltInSynth synth(settings, options);
     std::vector<QString> announced;
-    synth.setAnnounce([&](const QString& text) { announced.push_back(text); });
+    synth.setAnnounce([&](const UserText& text) { announced.push_back(text.shown); });
     synth.start();
     ASSERT_TRUE(waitFor([&] { return !announced.empty(); }));
     EXPECT_TRUE(announced.front().startsWith(QStringLiteral("Audio output failed: pulseaudio: "))) << announced.front().toStdString();

@@ -54,7 +54,7 @@ protected:
     FakePatchbay patchbay;
     StubSynthControl synth;
     QStringList heard;
-    ConnectionKeeper keeper{patchbay, settings, [this](const QString& text) { heard << text; }, &synth,
+    ConnectionKeeper keeper{patchbay, settings, [this](const UserText& text) { heard << text.shown; }, &synth,
                             QStringLiteral("jack"), true};
     std::unique_ptr<QWidget> window_;
     ConnectionsView* view_ = nullptr;

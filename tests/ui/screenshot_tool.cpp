@@ -80,7 +80,7 @@ int main(int argc, char** argv)
     patchbay.add({"sampler", "in_1"});
     patchbay.connectFromOutside({"fluidsynth", "midi_00"});
     testing::StubSynthControl synth;
-    ConnectionKeeper connections(patchbay, settings, [](const QString&) {}, &synth, QStringLiteral("jack"), true);
+    ConnectionKeeper connections(patchbay, settings, [](const UserText&) {}, &synth, QStringLiteral("jack"), true);
     connections.start({});
 
     MainWindow mainWindow(monitor);
