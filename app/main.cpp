@@ -11,6 +11,7 @@
 #include "common/settings_store.h"
 #include "input/keyboard_monitor.h"
 #include "platform/announcement_label.h"
+#include "platform/user_language.h"
 #include "properties/property_manager.h"
 
 #include <QApplication>
@@ -90,6 +91,8 @@ int main(int argc, char** argv)
     int status = 0;
     {
         QApplication application(argc, argv);
+        // Every window and announcement is made after this: all of them in the user's language.
+        installTranslations();
         // Closing the main window quits through the application delegate, not by Qt's own rule.
         QApplication::setQuitOnLastWindowClosed(false);
         instance.listen();

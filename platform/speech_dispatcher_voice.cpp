@@ -1,6 +1,7 @@
 #include "platform/speech_dispatcher_voice.h"
 
 #include "common/diagnostics.h"
+#include "platform/user_language.h"
 
 #include <libspeechd.h>
 
@@ -445,7 +446,7 @@ SpeechDispatcherVoice::SpeechDispatcherVoice()
 SpeechDispatcherVoice::SpeechDispatcherVoice(Options options)
 {
     if (options.language.empty())
-        options.language = languageFor(QLocale::system());
+        options.language = languageFor(userLanguage());
     shared_ = std::make_shared<Shared>(std::move(options));
     worker_ = std::thread(run, shared_, shared_->options.language);
 }

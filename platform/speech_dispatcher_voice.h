@@ -35,7 +35,8 @@ public:
         std::string address;
         /// Let libspeechd start speech-dispatcher when none runs.
         bool autospawn = true;
-        /// The language code to speak in. Empty: languageFor(QLocale::system()).
+        /// The language code to speak in. Empty: languageFor(userLanguage()), the language of
+        /// the shown texts.
         std::string language;
         /// Connect as soon as the voice is made (on the worker thread), rather than at the
         /// first speak().

@@ -1,6 +1,7 @@
 // SpeechDispatcherVoice against a private speech-dispatcher whose only output module records
 // what it is asked to say (see support/private_services.h).
 #include "platform/speech_dispatcher_voice.h"
+#include "platform/user_language.h"
 
 #include "platform/support/private_services.h"
 
@@ -138,7 +139,7 @@ TEST_F(SpeechDispatcherVoiceTest, SpeaksTheTextExactly)
 TEST_F(SpeechDispatcherVoiceTest, SpeaksInTheLanguageOfTheLocaleEnglishUnderC)
 {
     SpeechDispatcherVoice voice(options());
-    const std::string expected = SpeechDispatcherVoice::languageFor(QLocale::system());
+    const std::string expected = SpeechDispatcherVoice::languageFor(userLanguage());
     EXPECT_EQ(voice.language(), expected);
     if (QLocale::system().language() == QLocale::C) {
         EXPECT_EQ(voice.language(), "en");
