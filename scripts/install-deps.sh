@@ -13,6 +13,7 @@ build_and_run=(
     libspeechd-dev speech-dispatcher speech-dispatcher-espeak-ng
     libfluidsynth-dev timgm6mb-soundfont
     fonts-dejavu-core libxcb1-dev
+    qt6-tools-dev qt6-l10n-tools qt6-translations-l10n
 )
 packaging=(
     debhelper dpkg-dev fakeroot lintian desktop-file-utils appstream man-db

@@ -69,6 +69,7 @@ class PackageTest(unittest.TestCase):
             self.assertEqual(png_size(path), (size, size), path)
         for sound in ("up.wav", "down.wav"):
             self.assertTrue(os.path.isfile(f"/usr/share/plinkora/{sound}"), sound)
+        self.assertTrue(os.path.isfile("/usr/share/plinkora/translations/plinkora_de.qm"))
 
     def test_3_the_manual_page_documents_every_option_of_help(self):
         page = run("man", "-P", "cat", "plinkora", env=dict(os.environ, MANWIDTH="200", LANG="C.UTF-8")).stdout
