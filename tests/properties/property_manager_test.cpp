@@ -1,6 +1,7 @@
 #include "support/engine_fixture.h"
 
 #include <QCoreApplication>
+#include <QTranslator>
 
 using namespace plinkora;
 using namespace plinkora::testing;
@@ -202,4 +203,53 @@ TEST_F(PropertyManagerTest, ASelectionOutsideTheListMakesAdjustmentsDoNothing)
     select(-1);
     manager().decreaseValue(false);
     EXPECT_TRUE(sent().empty());
+}
+
+namespace {
+/// The build tree's German translation installed for the test.
+class GermanPropertyManagerTest : public PropertyManagerTest
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(german.load(QStringLiteral("plinkora_de"), QStringLiteral(PLINKORA_TRANSLATIONS_DIR)));
+        QCoreApplication::installTranslator(&german);
+    }
+    void TearDown() override { QCoreApplication::removeTranslator(&german); }
+
+    QTranslator german;
+};
+} // namespace
+
+TEST_F(GermanPropertyManagerTest, AnnouncementsAreSaidInGermanAndPrintedInEnglish)
+{
+    EXPECT_EQ(printed([&] { manager().nextProperty(); }), "Announcing: Program: 0, 2 of 8\n");
+    runDeferred();
+    EXPECT_EQ(announcer->posted, QStringList{"Programm: 0, 2 von 8"});
+    EXPECT_EQ(announcer->spoken, QStringList{"Programm: 0, 2 von 8"});
+
+    select(7);
+    EXPECT_EQ(printed([&] { manager().decreaseValue(false); }), "Announcing: minus 1\n");
+    EXPECT_EQ(printed([&] { manager().nextProperty(); }), "Announcing: Channel: 1, 1 of 8\n");
+    EXPECT_EQ(printed([&] { manager().previousProperty(); }), "Announcing: Transpose: -1, 8 of 8\n");
+    runDeferred();
+    EXPECT_EQ(announcer->spoken,
+              (QStringList{"Programm: 0, 2 von 8", "minus 1", "Kanal: 1, 1 von 8", "Transponierung: -1, 8 von 8"}));
+    EXPECT_EQ(property(7).displayText(), "Transpose: -1");
+    EXPECT_EQ(property(7).text().shown, "Transponierung: -1");
+}
+
+TEST_F(GermanPropertyManagerTest, AllNotesOffIsSaidInGerman)
+{
+    EXPECT_EQ(printed([&] { monitor().allNotesOff(); }), "Announcing: All notes off\n");
+    runDeferred();
+    EXPECT_EQ(announcer->spoken, QStringList{"Alle Noten aus"});
+}
+
+TEST(UserText, FillsTheArgumentsOfEachFormFromTheSameFormAllAtOnce)
+{
+    const UserText name{QStringLiteral("Built-in synthesizer"), QStringLiteral("Eingebauter Synthesizer")};
+    const UserText text = UserText::announcement("%1 of %2", {name, QStringLiteral("%1")});
+    EXPECT_EQ(text.english, "Built-in synthesizer of %1");
+    EXPECT_EQ(text.shown, "Eingebauter Synthesizer of %1");
 }
