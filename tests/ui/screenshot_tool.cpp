@@ -7,6 +7,7 @@
 #include "midi/connection_keeper.h"
 #include "midi/midi_manager.h"
 #include "midi/null_backend.h"
+#include "platform/user_language.h"
 #include "support/fake_patchbay.h"
 #include "support/fakes.h"
 #include "ui/keyboard_view.h"
@@ -59,6 +60,8 @@ bool instructionsFit(const KeyboardView& view)
 int main(int argc, char** argv)
 {
     QApplication app(argc, argv);
+    // In the desktop's language, as the program shows them (LANGUAGE=de: the German windows).
+    installTranslations();
     if (argc != 2) {
         std::fprintf(stderr, "usage: %s OUTPUT_FOLDER\n", argv[0]);
         return 2;
