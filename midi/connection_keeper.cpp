@@ -4,7 +4,6 @@
 #include "common/settings_store.h"
 #include "synth/synth_control.h"
 
-#include <QCoreApplication>
 #include <QMetaObject>
 #include <QTimer>
 
@@ -13,6 +12,22 @@
 namespace plinkora {
 
 namespace {
+
+UserText connectedTo(const UserText& name)
+{
+    return UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "Connected to %1"), {name});
+}
+
+UserText disconnected(const UserText& name)
+{
+    return UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "%1 disconnected"), {name});
+}
+
+/// A text of the status line in the user's language.
+QString statusLine(const char* source, const QList<UserText>& arguments)
+{
+    return UserText::translated("Connections", source, arguments).shown;
+}
 
 QString nameOf(const MidiDestination& destination)
 {
@@ -110,16 +125,15 @@ void ConnectionKeeper::refresh()
 
     for (const MidiDestination& destination : connections) {
         if (!contains(connections_, destination))
-            announce_(UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "Connected to %1"), {nameOf(destination)}));
+            announce_(connectedTo(nameOf(destination)));
     }
     for (const MidiDestination& destination : connections_) {
         if (!contains(connections, destination))
-            announce_(UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "%1 disconnected"), {nameOf(destination)}));
+            announce_(disconnected(nameOf(destination)));
     }
     const bool heard = synthHeard();
     if (heard != synthWasHeard_) {
-        announce_(heard ? UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "Connected to %1"), {synthName()})
-                        : UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "%1 disconnected"), {synthName()}));
+        announce_(heard ? connectedTo(synthName()) : disconnected(synthName()));
     }
 
     destinations_ = std::move(destinations);
@@ -201,18 +215,18 @@ QString ConnectionKeeper::shownName(const QString& name)
 
 QString ConnectionKeeper::statusText() const
 {
-    const auto translated = [](const char* source) { return QCoreApplication::translate("Connections", source); };
     if (!published_)
-        return translated(QT_TRANSLATE_NOOP("Connections", "MIDI: %1, no port")).arg(midiSystem_);
+        return statusLine(QT_TRANSLATE_NOOP("Connections", "MIDI: %1, no port"), {midiSystem_});
     QStringList names = connectedNames();
     if (!names.isEmpty()) {
         for (QString& name : names)
             name = shownName(name);
-        return translated(QT_TRANSLATE_NOOP("Connections", "MIDI: %1, port PLK:PLK, connected to %2"))
-            .arg(midiSystem_, names.join(QStringLiteral(", ")));
+        return statusLine(QT_TRANSLATE_NOOP("Connections", "MIDI: %1, port PLK:PLK, connected to %2"),
+                          {midiSystem_, names.join(QStringLiteral(", "))});
     }
-    return connectionsVisible ? translated(QT_TRANSLATE_NOOP("Connections", "MIDI: %1, port PLK:PLK, not connected")).arg(midiSystem_)
-                              : translated(QT_TRANSLATE_NOOP("Connections", "MIDI: %1, port PLK:PLK")).arg(midiSystem_);
+    if (connectionsVisible)
+        return statusLine(QT_TRANSLATE_NOOP("Connections", "MIDI: %1, port PLK:PLK, not connected"), {midiSystem_});
+    return statusLine(QT_TRANSLATE_NOOP("Connections", "MIDI: %1, port PLK:PLK"), {midiSystem_});
 }
 
 void ConnectionKeeper::checkSomethingSounds()
