@@ -1,7 +1,9 @@
 #pragma once
 
-#include <QString>
 #include <QList>
+#include <QString>
+
+#include <utility>
 
 namespace plinkora {
 

@@ -1,8 +1,8 @@
 #include "input/keyboard_monitor.h"
 
 #include "benders/bender_controller.h"
-#include "common/user_text.h"
 #include "common/settings_store.h"
+#include "common/user_text.h"
 #include "input/function_key_config.h"
 #include "input/key_table.h"
 #include "midi/midi_manager.h"
@@ -293,7 +293,7 @@ void KeyboardMonitor::allNotesOff()
     propertyManager->announce(UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "All notes off")));
 }
 
-bool KeyboardMonitor::speakWithoutScreenReader(const char* text)
+bool KeyboardMonitor::speakWithoutScreenReader(const char* source)
 {
     // A screen reader reports the focus change itself; Plinkora's voice is for those without one.
     Announcer* voice = propertyManager->speechSynthesizer.get();
@@ -301,7 +301,7 @@ bool KeyboardMonitor::speakWithoutScreenReader(const char* text)
         return false;
     if (voice->isSpeaking())
         voice->stopSpeaking();
-    voice->speak(UserText::announcement(text).shown);
+    voice->speak(UserText::announcement(source).shown);
     return true;
 }
 

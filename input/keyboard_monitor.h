@@ -99,8 +99,9 @@ private:
     /// True when the event belongs to a key held through a focus change or a panic, and is
     /// therefore swallowed without acting.
     bool isLeftoverOfHeldKey(const KeyEvent& event);
-    /// Speaks `text` with Plinkora's own voice unless a screen reader runs; true when spoken.
-    bool speakWithoutScreenReader(const char* text);
+    /// Speaks `source` (an announcement's English text) in the user's language with Plinkora's
+    /// own voice unless a screen reader runs; true when spoken.
+    bool speakWithoutScreenReader(const char* source);
     bool pausedSpoken_ = false;
     QObject speechContext_; // the delayed "Paused" dies with the monitor
 

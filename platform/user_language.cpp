@@ -5,6 +5,7 @@
 #include <QLibraryInfo>
 #include <QTranslator>
 
+#include <algorithm>
 #include <memory>
 
 namespace plinkora {
@@ -49,9 +50,18 @@ QLocale installTranslations(const QLocale& locale)
     remove(state.qt);
     state.language = QLocale(QLocale::English);
 
+    // The user's languages in order of preference: the first that is English or has a
+    // translation wins (LANGUAGE=en:de stays English).
     auto translator = std::make_unique<QTranslator>();
-    for (const QString& folder : translationFolders()) {
-        if (translator->load(locale, QStringLiteral("plinkora"), QStringLiteral("_"), folder)) {
+    const QStringList folders = translationFolders();
+    for (const QString& uiLanguage : locale.uiLanguages()) {
+        const QLocale wanted(uiLanguage);
+        if (wanted.language() == QLocale::English || wanted.language() == QLocale::C)
+            break;
+        const auto found = std::find_if(folders.begin(), folders.end(), [&](const QString& folder) {
+            return translator->load(wanted, QStringLiteral("plinkora"), QStringLiteral("_"), folder);
+        });
+        if (found != folders.end()) {
             state.language = QLocale(translator->language());
             QCoreApplication::installTranslator(translator.get());
             state.plinkora = std::move(translator);
