@@ -9,11 +9,11 @@ from test_heard import HeardTestCase
 
 
 class GermanDesktopTest(HeardTestCase):
-    def start(self):
+    def start(self, language="de"):
         d = self.desktop
         for name in ("LC_ALL", "LC_MESSAGES"):
             d.env.pop(name, None)
-        d.env.update({"LANG": "de_DE.UTF-8", "LANGUAGE": "de"})
+        d.env.update({"LANG": "de_DE.UTF-8", "LANGUAGE": language})
         d.start_accessibility_bus()
         d.make_speech_service(speaking_time=0.5)
         d.start_plinkora()
@@ -55,6 +55,14 @@ class GermanDesktopTest(HeardTestCase):
         # The status bar shows the German text.
         wait_until(lambda: "Alle Noten aus" in self.names(d.probe().ask("tree")[0], "notification"), timeout=10,
                    what="the notification to carry the German announcement")
+
+    def test_english_preferred_before_german_stays_english(self):
+        d = self.start(language="en:de")
+        labels = self.names(d.probe().ask("tree")[0], "label")
+        self.assertIn("Octave: 4", labels)
+        self.press_and_wait("Tab", "Program: 0, 2 of 8")
+        self.wait_until_said("Program: 0, 2 of 8")
+        self.assertIn("SET SELF LANGUAGE EN", [c.upper() for c in self.plinkora_commands()])
 
 
 if __name__ == "__main__":
