@@ -66,9 +66,11 @@ KeyCode modifierPositionOfQtKey(int key)
 {
 #ifdef Q_OS_MACOS
     // Qt on macOS: Key_Control is Command, Key_Meta is Control.
-    constexpr KeyCode control = kKeyCommand, meta = kKeyControl;
+    constexpr KeyCode control = kKeyCommand;
+    constexpr KeyCode meta = kKeyControl;
 #else
-    constexpr KeyCode control = kKeyControl, meta = kKeyCommand;
+    constexpr KeyCode control = kKeyControl;
+    constexpr KeyCode meta = kKeyCommand;
 #endif
     switch (key) {
     case Qt::Key_Shift:
@@ -134,9 +136,11 @@ void KeyEventFilter::remove()
 std::uint64_t KeyEventFilter::heldModifierFlags() const
 {
 #ifdef Q_OS_MACOS
-    constexpr KeyCode command = kKeyCommand, rightCommand = kKeyRightCommand;
+    constexpr KeyCode command = kKeyCommand;
+    constexpr KeyCode rightCommand = kKeyRightCommand;
 #else
-    constexpr KeyCode command = kKeyControl, rightCommand = kKeyRightControl;
+    constexpr KeyCode command = kKeyControl;
+    constexpr KeyCode rightCommand = kKeyRightControl;
 #endif
     std::uint64_t flags = 0;
     if (heldModifiers_.test(kKeyShift) || heldModifiers_.test(kKeyRightShift))

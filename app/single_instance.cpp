@@ -35,11 +35,11 @@ SingleInstance::~SingleInstance()
 
 QString SingleInstance::defaultDirectory()
 {
-    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
     if (!runtime.isEmpty() && QFileInfo(runtime).isDir())
         return runtime;
 #ifdef Q_OS_UNIX
-    const QString folder = QDir::temp().filePath(QStringLiteral("plinkora-%1").arg(::getuid()));
+    QString folder = QDir::temp().filePath(QStringLiteral("plinkora-%1").arg(::getuid()));
     ::mkdir(QFile::encodeName(folder).constData(), 0700);
     return folder;
 #else

@@ -24,7 +24,7 @@ struct sigaction previousActions[kSignals.size()];
 extern "C" void onTerminationSignal(int signalNumber)
 {
     const int savedErrno = errno;
-    const unsigned char byte = static_cast<unsigned char>(signalNumber);
+    const auto byte = static_cast<unsigned char>(signalNumber);
     if (writeEnd >= 0) {
         [[maybe_unused]] const ssize_t written = ::write(writeEnd, &byte, 1);
     }

@@ -11,6 +11,7 @@
 
 #include <QTimer>
 
+#include <cstddef>
 #include <cstdio>
 
 namespace plinkora {
@@ -204,7 +205,8 @@ void KeyboardMonitor::handleKeyEvent(const KeyEvent& event)
 void KeyboardMonitor::releaseHeldKeys()
 {
     const std::uint8_t channel = propertyManager->getChannel();
-    for (KeyCode code = 0; code < pressedKeys.size(); ++code) {
+    for (std::size_t i = 0; i < pressedKeys.size(); ++i) {
+        const auto code = static_cast<KeyCode>(i);
         if (!pressedKeys.test(code))
             continue;
         if (const std::optional<int> offset = noteOffsetForKey(code))
@@ -251,8 +253,8 @@ void KeyboardMonitor::focusRegained()
         // The platform repeats a key held through the return as new presses: every key down
         // now waits for its release, whichever window it was pressed in.
         keysToPressAgain.reset();
-        for (KeyCode code = 0; code < down->size(); ++code)
-            keysToPressAgain.set(code, down->test(code) && isHandledKey(code));
+        for (std::size_t i = 0; i < down->size(); ++i)
+            keysToPressAgain.set(i, down->test(i) && isHandledKey(static_cast<KeyCode>(i)));
         releasesToIgnore.reset();
         if (!down->test(kKeyShift) && !down->test(kKeyRightShift))
             sustainToPressAgain = false;

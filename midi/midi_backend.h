@@ -51,6 +51,7 @@ public:
     /// then: dispose them, and create them again when the service is back. Setting it again
     /// replaces it; an empty function stops the calls. Back ends whose service cannot go away
     /// never call it.
+    // NOLINTNEXTLINE(performance-unnecessary-value-param): the back ends that override it keep it
     virtual void setServiceLostListener(std::function<void()> lost) { (void)lost; }
 };
 

@@ -103,7 +103,9 @@ void MIDIManager::stopActiveNotes(std::uint8_t channel)
 
 void MIDIManager::sendAllChannelsOff()
 {
-    constexpr std::uint8_t kSustain = 64, kAllNotesOff = 123, kAllSoundOff = 120;
+    constexpr std::uint8_t kSustain = 64;
+    constexpr std::uint8_t kAllNotesOff = 123;
+    constexpr std::uint8_t kAllSoundOff = 120;
     for (std::uint8_t channel = 0; channel < 16; ++channel) {
         sendControlChange(kSustain, 0, channel);
         sendControlChange(kAllNotesOff, 0, channel);

@@ -19,7 +19,7 @@ struct MidiDestination
     std::string name() const { return client + ':' + port; }
     bool operator==(const MidiDestination&) const = default;
     /// By client, then port: the order of the lists.
-    auto operator<=>(const MidiDestination&) const = default;
+    auto operator<=>(const MidiDestination&) const = default; // NOLINT(modernize-use-nullptr): a 0 made by the compiler
 };
 
 /// The connections of the port PLK on the MIDI service it is published on: lists the MIDI

@@ -24,7 +24,7 @@ public:
     QString text(QAccessible::Text type) const override
     {
         if (type == QAccessible::Name) {
-            const QString name = widget()->accessibleName();
+            QString name = widget()->accessibleName();
             if (!name.isEmpty())
                 return name;
             if (const auto* label = qobject_cast<const QLabel*>(widget()))

@@ -9,6 +9,8 @@
 #include <QFile>
 #include <QMetaObject>
 
+#include <utility>
+
 namespace plinkora {
 
 namespace {
@@ -54,9 +56,9 @@ ScreenReaderMonitor::ScreenReaderMonitor(QObject* parent)
 {
 }
 
-ScreenReaderMonitor::ScreenReaderMonitor(const QDBusConnection& sessionBus, QObject* parent)
+ScreenReaderMonitor::ScreenReaderMonitor(QDBusConnection sessionBus, QObject* parent)
     : QObject(parent)
-    , sessionBus_(sessionBus)
+    , sessionBus_(std::move(sessionBus))
     , accessibilityConnectionName_(
           QStringLiteral("plinkora-screen-reader-monitor-%1").arg(nextConnectionNumber()))
 {

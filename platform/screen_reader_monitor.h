@@ -41,7 +41,7 @@ public:
     /// Watches the session bus of this process (QDBusConnection::sessionBus()).
     explicit ScreenReaderMonitor(QObject* parent = nullptr);
     /// Watches the given session bus (a private bus in tests).
-    explicit ScreenReaderMonitor(const QDBusConnection& sessionBus, QObject* parent = nullptr);
+    explicit ScreenReaderMonitor(QDBusConnection sessionBus, QObject* parent = nullptr);
     ~ScreenReaderMonitor() override;
 
     ScreenReaderMonitor(const ScreenReaderMonitor&) = delete;

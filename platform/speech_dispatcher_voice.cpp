@@ -19,7 +19,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
-#include <signal.h>
+#include <csignal>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -363,7 +363,7 @@ int pollTimeout(SpeechDispatcherVoice::Shared& s)
     return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(wait.count(), 0, 60'000));
 }
 
-void run(std::shared_ptr<SpeechDispatcherVoice::Shared> shared, std::string language)
+void run(const std::shared_ptr<SpeechDispatcherVoice::Shared>& shared, const std::string& language)
 {
     SpeechDispatcherVoice::Shared& s = *shared;
     blockBrokenPipeSignal();

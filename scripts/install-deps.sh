@@ -26,6 +26,7 @@ tests=(
     x11-utils systemd util-linux procps libsm-dev libice-dev
     libx11-dev libxtst-dev x11-xserver-utils jack-keyboard
     clang libclang-rt-14-dev python3-xlib
+    clang-format clang-tidy
 )
 
 packages=("${build_and_run[@]}")

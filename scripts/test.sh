@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what the tests need, builds Plinkora with warnings as errors, and runs every test;
+# Installs what the tests need, checks the code with clang-format and clang-tidy (scripts/lint.sh),
+# builds Plinkora with warnings as errors, and runs every test;
 # then builds it a second time with AddressSanitizer and UndefinedBehaviorSanitizer (build-asan/)
 # and runs every test again there, the JACK, desktop and accessibility tests included, any
 # sanitizer report failing the run; then runs each fuzzer of fuzz/ for a fixed time.
@@ -20,6 +21,15 @@ began=$SECONDS
 jobs=${PLINKORA_TEST_JOBS:-2}
 build=${PLINKORA_BUILD_DIR:-build}
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DPLINKORA_WERROR=ON
+
+# The lint first: it needs only the compile commands of the configured build, and fails fast.
+# PLINKORA_LINT_OPTIONS=--tidy-only leaves the formatting out.
+began=$SECONDS
+# shellcheck disable=SC2086
+PLINKORA_BUILD_DIR="$build" bash scripts/lint.sh ${PLINKORA_LINT_OPTIONS:-}
+echo "== lint: $((SECONDS - began)) s"
+
+began=$SECONDS
 cmake --build "$build" -j"$(nproc)"
 (cd "$build" && ctest --output-on-failure --timeout 600 -j"$jobs")
 echo "== plain build and tests: $((SECONDS - began)) s"

@@ -249,7 +249,7 @@ void FluidEngine::openAudio(bool sayWhyNot)
         changed_();
 }
 
-void FluidEngine::finish(std::shared_ptr<Outcome> outcome)
+void FluidEngine::finish(const std::shared_ptr<Outcome>& outcome)
 {
     waitForWorker();
     if (outcome->instance) {

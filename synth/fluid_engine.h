@@ -96,7 +96,7 @@ private:
                                        std::string& problem);
     void openAudio(bool sayWhyNot);
     void startWorker(std::function<void(Outcome&)> job);
-    void finish(std::shared_ptr<Outcome> outcome);
+    void finish(const std::shared_ptr<Outcome>& outcome);
     void adopt(std::unique_ptr<Instance> instance);
     void restoreChannels();
     bool wake();
