@@ -154,7 +154,7 @@ class Desktop:
 
     def __enter__(self):
         try:
-            self._start_x()
+            self._start_display()
             if self.with_jack:
                 self._start_jack()
         except BaseException:
@@ -216,7 +216,7 @@ class Desktop:
         self.processes.append(process)
         return process
 
-    def _start_x(self):
+    def _start_display(self):
         read_fd, write_fd = os.pipe()
         xvfb = subprocess.Popen(
             ["Xvfb", "-displayfd", str(write_fd), "-screen", "0", "1280x900x24", "-nolisten", "tcp", "-ac"],
