@@ -2,6 +2,8 @@
 German layouts, one note-on for a held key that the compositor repeats, held notes let go when
 another window takes the keys, and Ctrl+Q with a note held silencing the receiver."""
 
+import os
+import socket
 import unittest
 
 from wayland_desktop import WaylandDesktop
@@ -9,6 +11,21 @@ from wayland_desktop import WaylandDesktop
 NOTE_ON, NOTE_OFF = 0x90, 0x80
 # A at the start-up octave.
 A_ON, A_OFF = [NOTE_ON, 48, 100], [NOTE_OFF, 48, 0]
+
+
+def listen_as_an_x_display():
+    """A display number no one uses and a socket listening where X clients connect to it first
+    (libxcb's abstract socket on Linux): every X connection attempt to it is seen."""
+    for number in range(5000 + os.getpid() % 1000, 7000):
+        listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM | socket.SOCK_NONBLOCK)
+        try:
+            listener.bind(f"\0/tmp/.X11-unix/X{number}")
+        except OSError:
+            listener.close()
+            continue
+        listener.listen(4)
+        return f":{number}", listener
+    raise AssertionError("no free X display number")
 
 
 class WaylandTest(unittest.TestCase):
@@ -21,14 +38,23 @@ class WaylandTest(unittest.TestCase):
         desktop.start_plinkora()
         return desktop
 
-    def test_a_wayland_session_runs_natively_on_wayland(self):
-        # An X display named in the environment (as Xwayland's would be) does not matter: there
-        # is no X server behind it, and Plinkora never asks it.
-        d = self.start(display=":987")
+    def test_a_wayland_session_runs_natively_on_wayland_without_touching_x11(self):
+        # An X display named in the environment, as Xwayland's would be: Plinkora never
+        # connects to it (its X11 helpers for key repeat and the keys down stay out).
+        display, x_server = listen_as_an_x_display()
+        self.addCleanup(x_server.close)
+        d = self.start(display=display)
         d.plinkora.wait_for_line(r"^Window system: wayland$")
         d.key("a")
         self.assertEqual(d.wait_for_midi(2), [A_ON, A_OFF])
+        # the keys go away and come back (where X11 asks which keys are down)
+        d.open_other_window()
+        d.activate("Plinkora")
+        d.key("a")
+        self.assertEqual(d.wait_for_midi(4), [A_ON, A_OFF] * 2)
         self.assertTrue(d.plinkora.running())
+        with self.assertRaises(BlockingIOError):
+            x_server.accept()
 
     def test_a_held_key_that_repeats_plays_one_note_on_and_one_note_off(self):
         d = self.start()
