@@ -81,6 +81,32 @@ class WaylandTest(unittest.TestCase):
         d.key("a")
         self.assertEqual(d.wait_for_midi(4), [A_ON, A_OFF] * 2)
 
+    def test_the_first_key_after_the_return_plays(self):
+        # The compositor sends the keys before Qt has made the window active: every round
+        # must play, however quickly the key follows the return.
+        d = self.start()
+        for round in range(1, 11):
+            d.open_other_window(f"Other window {round}")
+            d.activate("Plinkora")
+            d.key("a")
+            self.assertEqual(d.wait_for_midi(2 * round), [A_ON, A_OFF] * round)
+
+    def test_a_key_held_across_the_return_plays_nothing_until_pressed_again(self):
+        d = self.start()
+        d.keydown("a")
+        d.wait_for_midi(1)
+        d.open_other_window()
+        d.wait_for_midi(2)
+        # back with A still down: its release reaches Plinkora and sends nothing
+        start = len(d.plinkora.snapshot())
+        d.activate("Plinkora")
+        d.keyup("a")
+        d.plinkora.wait_for_line(r"^Key event received: type=11 keyCode=0$", start=start)
+        d.settle()
+        self.assertEqual(d.midi(), [A_ON, A_OFF])
+        d.key("a")
+        self.assertEqual(d.wait_for_midi(4), [A_ON, A_OFF] * 2)
+
     def test_ctrl_q_with_a_note_held_silences_the_receiver(self):
         d = self.start()
         d.keydown("a")
