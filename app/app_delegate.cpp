@@ -136,7 +136,13 @@ void AppDelegate::applicationDidFinishLaunching()
     std::unique_ptr<Announcer> announcer = services_.makeAnnouncer();
     keyboardMonitor = std::make_unique<KeyboardMonitor>(*midiManager, settings_, std::move(soundPlayer),
                                                         std::move(announcer));
-    keyboardMonitor->keyWindow = &applicationKeyWindow;
+    // The window a key event was sent to has the keys, even before Qt says it is active.
+    keyboardMonitor->keyWindow = [this]() -> QObject* {
+        if (keyEventFilter_ && !QApplication::activePopupWidget())
+            if (QWidget* sentTo = keyEventFilter_->keyEventWindow())
+                return sentTo;
+        return applicationKeyWindow();
+    };
     keyboardMonitor->keysDownNow = &x11KeysDown;
     // Before the key-event filter, which must stay in front of every application filter.
     keyFocusWatch_ = std::make_unique<KeyFocusWatch>(*keyboardMonitor, &applicationKeyWindow);

@@ -162,8 +162,8 @@ std::string helpText()
         + validNames()
         + ".\n"
           "                   Without it: the setting \"MidiApi\", else the first that works of\n"
-          "                   the system's MIDI service, a JACK server that is already running,\n"
-          "                   and null (no port).\n"
+          "                   a JACK server that is already running (or PipeWire's JACK\n"
+          "                   interface, under pw-jack), the ALSA sequencer, and null (no port).\n"
           "  --synth MODE     the built-in synthesizer: auto (plays while no other program\n"
           "                   reads PLK; the default), on (always) or off (never).\n"
           "                   Without it: the setting \"Synth\".\n"
@@ -208,6 +208,36 @@ std::optional<std::string> missingDisplayMessage(bool platformOption, Environmen
     return "plinkora: no display: neither DISPLAY nor WAYLAND_DISPLAY is set. Start it from a desktop session, "
            "or without a screen under Xvfb: xvfb-run -a plinkora";
 #endif
+}
+
+std::optional<std::string> sessionQtPlatform(bool platformOption, EnvironmentReader environment)
+{
+#if defined(__APPLE__) || defined(_WIN32)
+    (void)platformOption;
+    (void)environment;
+    return std::nullopt;
+#else
+    if (platformOption || !environment("QT_QPA_PLATFORM").empty())
+        return std::nullopt;
+    const bool wayland = !environment("WAYLAND_DISPLAY").empty();
+    const bool x11 = !environment("DISPLAY").empty();
+    if (wayland && environment("XDG_SESSION_TYPE") == "wayland")
+        return "wayland;xcb";
+    if (x11)
+        return "xcb";
+    if (wayland)
+        return "wayland";
+    return std::nullopt;
+#endif
+}
+
+std::string windowSystemName(std::string_view qtPlatformName)
+{
+    if (qtPlatformName == "xcb")
+        return "x11";
+    if (qtPlatformName.starts_with("wayland")) // wayland, wayland-egl, ...
+        return "wayland";
+    return std::string(qtPlatformName);
 }
 
 } // namespace plinkora

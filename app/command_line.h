@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 // The command line of `plinkora` and the checks made before anything else exists. Plain
@@ -60,5 +61,16 @@ std::string readEnvironment(const char* name);
 /// -platform chooses another platform, the one line that says so and how to run without a
 /// screen (under Xvfb). Nothing when there is a display, and never on macOS or Windows.
 std::optional<std::string> missingDisplayMessage(bool platformOption, EnvironmentReader environment = readEnvironment);
+
+/// On Linux, the Qt platform for the session when neither QT_QPA_PLATFORM nor -platform
+/// chooses one: in a Wayland session (WAYLAND_DISPLAY set and XDG_SESSION_TYPE "wayland")
+/// "wayland;xcb" (native Wayland, X11 through the compositor's X server if Wayland fails);
+/// "xcb" when DISPLAY is set otherwise; "wayland" when only WAYLAND_DISPLAY is. Nothing else
+/// (Qt's own choice), and never on macOS or Windows.
+std::optional<std::string> sessionQtPlatform(bool platformOption, EnvironmentReader environment = readEnvironment);
+
+/// The window system a Qt platform name stands for, as the start-up line "Window system: ..."
+/// says it: "wayland" (for wayland, wayland-egl, ...), "x11" for xcb, other names as they are (offscreen, ...).
+std::string windowSystemName(std::string_view qtPlatformName);
 
 } // namespace plinkora

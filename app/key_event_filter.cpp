@@ -4,10 +4,12 @@
 #include "input/key_table.h"
 #include "input/keyboard_monitor.h"
 
-#include <QCoreApplication>
+#include <QApplication>
 #include <QKeyEvent>
 #include <QLoggingCategory>
 #include <QMetaObject>
+#include <QWidget>
+#include <QWindow>
 
 // Where this filter stands among the application's event filters, and why.
 //
@@ -40,6 +42,15 @@ namespace {
 
 // QT_LOGGING_RULES="plinkora.keys.debug=true" shows how key events travel past the filters.
 Q_LOGGING_CATEGORY(lcKeys, "plinkora.keys", QtWarningMsg)
+
+// The top-level widget shown in `window`, if any.
+QWidget* topLevelWidgetOf(const QWindow* window)
+{
+    for (QWidget* widget : QApplication::topLevelWidgets())
+        if (widget->windowHandle() == window)
+            return widget;
+    return nullptr;
+}
 
 constexpr auto kRepostWindow = std::chrono::seconds(2); // the bridge waits at most 100 ms
 
@@ -196,7 +207,9 @@ bool KeyEventFilter::eventFilter(QObject* watched, QEvent* event)
     }
 
     // The first delivery of an event from the window system.
+    keyEventWindow_ = topLevelWidgetOf(static_cast<const QWindow*>(watched));
     const bool swallow = act(keyEvent);
+    keyEventWindow_ = nullptr;
     qCDebug(lcKeys) << "acted on a key event at its window, swallowed:" << swallow;
     remember(event, signature, swallow, true);
     rememberPending(signature, swallow);

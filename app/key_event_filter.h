@@ -4,6 +4,7 @@
 
 #include <QAccessible>
 #include <QObject>
+#include <QWidget>
 
 #include <array>
 #include <bitset>
@@ -55,6 +56,12 @@ public:
     /// their releases may happen in another program, unseen.
     void forgetHeldModifiers() { heldModifiers_.reset(); }
 
+    /// While a key event from the window system is handed to the monitor: the top-level widget
+    /// of the window the event was sent to; null at any other time. The window system sends the
+    /// keys only to the window that has them, and under Wayland they arrive before Qt makes that
+    /// window the active one (Qt first waits for an answer from the compositor).
+    QWidget* keyEventWindow() const { return keyEventWindow_; }
+
 protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
 
@@ -97,6 +104,7 @@ private:
     void accessibilityActiveChanged(bool active) override;
 
     KeyboardMonitor* monitor_ = nullptr;
+    QWidget* keyEventWindow_ = nullptr;
     bool installed_ = false;
 
     // The event of the last first delivery, and the answer every later delivery gets.

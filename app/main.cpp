@@ -60,6 +60,9 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "%s\n", message->c_str());
         return kExitNoDisplay;
     }
+    // Native Wayland in a Wayland session, X11 otherwise, unless Qt's platform is chosen.
+    if (const std::optional<std::string> platform = sessionQtPlatform(commandLine.platformOption))
+        qputenv("QT_QPA_PLATFORM", QByteArray::fromStdString(*platform));
 
     // Qt reads the accessibility bus's state only when the application object is made.
     switchOnAccessibilityBridge();
@@ -93,6 +96,7 @@ int main(int argc, char** argv)
         QApplication application(argc, argv);
         // Every window and announcement is made after this: all of them in the user's language.
         installTranslations();
+        printLine("Window system: " + windowSystemName(QGuiApplication::platformName().toStdString()));
         // Closing the main window quits through the application delegate, not by Qt's own rule.
         QApplication::setQuitOnLastWindowClosed(false);
         instance.listen();

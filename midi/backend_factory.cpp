@@ -143,12 +143,15 @@ MidiApiKind defaultMidiApi(const MidiServiceProbes& probes)
 #if defined(__APPLE__)
     return MidiApiKind::CoreMidi; // always there
 #else
-    if (probes.alsaSequencer != nullptr && probes.alsaSequencer())
-        return MidiApiKind::Alsa;
-#endif
+    // What the desktop runs comes first: a JACK server, or PipeWire's JACK interface where the
+    // JACK library is PipeWire's (both answer a JACK client). The ALSA sequencer is there on
+    // nearly every Linux machine, whatever the desktop uses; PipeWire bridges it too.
     if (probes.jackServer != nullptr && probes.jackServer())
         return MidiApiKind::Jack;
+    if (probes.alsaSequencer != nullptr && probes.alsaSequencer())
+        return MidiApiKind::Alsa;
     return MidiApiKind::Null;
+#endif
 }
 
 std::unique_ptr<MidiBackend> chooseBackend(std::string_view requested, std::string& error,

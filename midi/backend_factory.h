@@ -30,7 +30,7 @@ struct MidiApiEntry
 };
 
 /// The one table of MIDI system names, read by the command line option --midi-api and the
-/// setting "MidiApi". In the order the automatic choice tries them.
+/// setting "MidiApi".
 inline constexpr std::array<MidiApiEntry, 3> kMidiApis{{
 #if defined(__APPLE__)
     {"coremidi", MidiApiKind::CoreMidi},
@@ -77,8 +77,9 @@ struct MidiServiceProbes
 /// The probes of this machine (midi_service_probe.h).
 MidiServiceProbes systemProbes();
 
-/// The automatic choice: the first that works of the ALSA sequencer (CoreMIDI on macOS), a
-/// JACK server that is already running, the null sink.
+/// The automatic choice: the first that works of a JACK server that is already running (or
+/// PipeWire's JACK interface, when the JACK library is PipeWire's), the ALSA sequencer, the
+/// null sink. On macOS: CoreMIDI.
 MidiApiKind defaultMidiApi(const MidiServiceProbes& probes = systemProbes());
 
 /// The back end to publish on: the system named by `requested` (from --midi-api or the

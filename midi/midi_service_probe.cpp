@@ -7,7 +7,10 @@
 #endif
 
 #include <cstdlib>
+#include <cstring>
+#include <string>
 
+#include <dlfcn.h>
 #include <unistd.h>
 
 namespace plinkora {
@@ -49,6 +52,22 @@ bool jackServerRunning()
         return false;
     jack_client_close(client);
     return true;
+}
+
+bool pipeWireJackAvailable()
+{
+    Dl_info library{};
+    if (dladdr(reinterpret_cast<void*>(&jack_client_open), &library) == 0 || library.dli_fname == nullptr
+        || std::strstr(library.dli_fname, "pipewire") == nullptr)
+        return false;
+    const char* directory = std::getenv("PIPEWIRE_RUNTIME_DIR");
+    if (directory == nullptr || *directory == '\0')
+        directory = std::getenv("XDG_RUNTIME_DIR");
+    const char* remote = std::getenv("PIPEWIRE_REMOTE");
+    if (directory == nullptr || *directory == '\0')
+        return false;
+    const std::string socket = std::string(directory) + '/' + (remote && *remote ? remote : "pipewire-0");
+    return access(socket.c_str(), F_OK) == 0;
 }
 
 bool alsaSequencerAvailable()

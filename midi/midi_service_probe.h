@@ -11,6 +11,12 @@ bool alsaSequencerAvailable();
 /// Opens a client and closes it at once; never starts a server.
 bool jackServerRunning();
 
+/// True when the JACK library of this process is PipeWire's JACK interface (the program runs
+/// under pw-jack, or the system puts PipeWire's library in libjack's place) and PipeWire's
+/// socket is there ($PIPEWIRE_RUNTIME_DIR, else $XDG_RUNTIME_DIR; $PIPEWIRE_REMOTE, else
+/// pipewire-0). Opens nothing.
+bool pipeWireJackAvailable();
+
 /// Makes sure no JACK client of this process starts a JACK server: sets JACK_NO_START_SERVER
 /// unless it is set already. Called before anything touches libjack.
 void forbidJackServerStart();

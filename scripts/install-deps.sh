@@ -8,7 +8,7 @@ set -euo pipefail
 
 build_and_run=(
     cmake g++ make pkg-config
-    qt6-base-dev qt6-multimedia-dev libqt6opengl6-dev qt6-qpa-plugins
+    qt6-base-dev qt6-multimedia-dev libqt6opengl6-dev qt6-qpa-plugins qt6-wayland
     librtmidi-dev libjack-jackd2-dev libasound2-dev
     libspeechd-dev speech-dispatcher speech-dispatcher-espeak-ng
     libfluidsynth-dev timgm6mb-soundfont
@@ -27,6 +27,8 @@ tests=(
     libx11-dev libxtst-dev x11-xserver-utils jack-keyboard
     clang libclang-rt-14-dev python3-xlib
     clang-format clang-tidy
+    sway libxkbcommon-tools
+    pipewire pipewire-bin wireplumber pipewire-jack
 )
 
 packages=("${build_and_run[@]}")

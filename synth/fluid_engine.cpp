@@ -148,7 +148,8 @@ std::string FluidEngine::openFirstDriver(Instance& instance, const std::vector<s
 {
     std::string failures;
     for (const std::string& driver : drivers) {
-        if (driver == "jack" && !jackServerSocketExists())
+        // JACK: a JACK server, or PipeWire through its JACK library (under pw-jack).
+        if (driver == "jack" && !jackServerSocketExists() && !pipeWireJackAvailable())
             continue;
         takeLastError();
         const QuietAlsa quiet;

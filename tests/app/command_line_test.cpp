@@ -117,6 +117,38 @@ TEST(CommandLine, AnX11OrWaylandDisplayOrAChosenQtPlatformIsEnough)
     EXPECT_TRUE(missingDisplayMessage(false, &fakeEnvironment));
 }
 
+TEST(CommandLine, AWaylandSessionRunsOnWaylandAndAnyOtherOnX11)
+{
+    environment = {{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_SESSION_TYPE", "wayland"}, {"DISPLAY", ":0"}};
+    EXPECT_EQ(sessionQtPlatform(false, &fakeEnvironment), "wayland;xcb");
+    // Wayland's socket alone, as a compositor started in an X11 session sets it: still X11.
+    environment = {{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_SESSION_TYPE", "x11"}, {"DISPLAY", ":0"}};
+    EXPECT_EQ(sessionQtPlatform(false, &fakeEnvironment), "xcb");
+    environment = {{"DISPLAY", ":0"}};
+    EXPECT_EQ(sessionQtPlatform(false, &fakeEnvironment), "xcb");
+    environment = {{"WAYLAND_DISPLAY", "wayland-0"}};
+    EXPECT_EQ(sessionQtPlatform(false, &fakeEnvironment), "wayland");
+    environment.clear();
+    EXPECT_FALSE(sessionQtPlatform(false, &fakeEnvironment));
+}
+
+TEST(CommandLine, AChosenQtPlatformIsLeftAlone)
+{
+    environment = {{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_SESSION_TYPE", "wayland"}, {"QT_QPA_PLATFORM", "xcb"}};
+    EXPECT_FALSE(sessionQtPlatform(false, &fakeEnvironment));
+    environment = {{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_SESSION_TYPE", "wayland"}};
+    EXPECT_FALSE(sessionQtPlatform(true, &fakeEnvironment));
+    environment.clear();
+}
+
+TEST(CommandLine, TheWindowSystemIsNamedForPeople)
+{
+    EXPECT_EQ(windowSystemName("xcb"), "x11");
+    EXPECT_EQ(windowSystemName("wayland"), "wayland");
+    EXPECT_EQ(windowSystemName("wayland-egl"), "wayland");
+    EXPECT_EQ(windowSystemName("offscreen"), "offscreen");
+}
+
 TEST(CommandLine, SynthTakesAutoOnOrOffInAnyCaseAndBothSpellings)
 {
     EXPECT_FALSE(parse({}).synthMode);

@@ -142,22 +142,22 @@ TEST_F(BackendFactoryTest, MakingByANameGivesThatBackEnd)
 
 // The automatic choice
 
-TEST_F(BackendFactoryTest, TheSequencerIsChosenFirstWhenItWorksWithoutAskingJack)
+TEST_F(BackendFactoryTest, ARunningJackServerIsChosenFirstWithoutAskingTheSequencer)
 {
-    // GIVEN a sequencer and a JACK server
+    // GIVEN a sequencer and a JACK server (or PipeWire's JACK interface)
     // WHEN the automatic choice runs
     const MidiApiKind chosen = defaultMidiApi({&alsaYes, &jackYes});
-    // THEN ALSA is chosen and JACK was not even asked
-    EXPECT_EQ(chosen, MidiApiKind::Alsa);
-    EXPECT_EQ(g_alsaAsked, 1);
-    EXPECT_EQ(g_jackAsked, 0);
+    // THEN JACK, what the desktop runs, is chosen and the sequencer was not even asked
+    EXPECT_EQ(chosen, MidiApiKind::Jack);
+    EXPECT_EQ(g_jackAsked, 1);
+    EXPECT_EQ(g_alsaAsked, 0);
 }
 
-TEST_F(BackendFactoryTest, ARunningJackServerIsChosenWhenThereIsNoSequencer)
+TEST_F(BackendFactoryTest, TheSequencerIsChosenWhenNoJackServerAnswers)
 {
-    EXPECT_EQ(defaultMidiApi({&alsaNo, &jackYes}), MidiApiKind::Jack);
-    EXPECT_EQ(g_alsaAsked, 1);
+    EXPECT_EQ(defaultMidiApi({&alsaYes, &jackNo}), MidiApiKind::Alsa);
     EXPECT_EQ(g_jackAsked, 1);
+    EXPECT_EQ(g_alsaAsked, 1);
 }
 
 TEST_F(BackendFactoryTest, TheNullSinkIsChosenWhenNothingElseWorks)
@@ -246,11 +246,10 @@ TEST_F(BackendFactoryTest, WithAJackServerRunningJackIsChosen)
     const std::unique_ptr<MidiBackend> backend = chooseBackend("", error);
     const auto took = std::chrono::steady_clock::now() - started;
     const std::string out = ::testing::internal::GetCapturedStdout();
-    // THEN it is JACK (unless this machine has a sequencer, which comes first)
-    const std::string expected = alsaSequencerAvailable() ? "alsa" : "jack";
+    // THEN it is JACK, also where the machine has a sequencer
     ASSERT_NE(backend, nullptr);
-    EXPECT_EQ(backend->apiName(), expected);
-    EXPECT_EQ(out, "MIDI output: " + expected + "\n");
+    EXPECT_EQ(backend->apiName(), "jack");
+    EXPECT_EQ(out, "MIDI output: jack\n");
     EXPECT_LT(took, std::chrono::seconds(2)); // a bound for a loaded machine; typically 20-40 ms
     // AND the probe left no port behind
     for (const std::string& port : jack->ports())

@@ -57,6 +57,7 @@ class PackageTest(unittest.TestCase):
         self.assertRegex(os.path.basename(self.deb), rf"^plinkora_{re.escape(VERSION)}_[a-z0-9]+\.deb$")
         fields = run("dpkg-deb", "-f", self.deb, "Depends", "Recommends").stdout
         self.assertIn("qt6-qpa-plugins", fields)
+        self.assertIn("qt6-wayland", fields)
         self.assertIn("speech-dispatcher", fields)
         self.assertIn("timgm6mb-soundfont", fields)
 
