@@ -102,13 +102,8 @@ class ConnectionsTreeTest(ConnectionsTestCase):
 
 
 class ConnectionsOrcaTest(ConnectionsTestCase):
-    # Known gap, measured with Orca 43.1: the connection announcements are made while the
-    # preferences window is active, and Orca presents the notifications of the active window
-    # only; the announcement label lives in the main window's status bar. A status bar of the
-    # preferences window with its own label was tried and Orca still did not speak them. This
-    # test stays as the definition of done: it is reported as an unexpected success, and fails
-    # the run, once Orca hears them.
-    @unittest.expectedFailure
+    # Connecting and disconnecting at once: both announcements reach Orca's queue before it has
+    # read the first, which must still be heard with its own text.
     def test_orca_hears_connecting_and_disconnecting(self):
         d = self.desktop
         self.start_listener()
