@@ -22,15 +22,24 @@ constexpr std::array<std::string_view, 15> kQtOptionsWithValue{
 };
 constexpr std::array<std::string_view, 5> kQtFlags{"reverse", "widgetcount", "nograb", "dograb", "sync"};
 
+// "a, b or c".
+std::string alternatives(const std::vector<std::string>& names)
+{
+    std::string text;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        if (i > 0)
+            text += i + 1 == names.size() ? " or " : ", ";
+        text += names[i];
+    }
+    return text;
+}
+
 std::string validNames()
 {
-    std::string names;
-    for (std::size_t i = 0; i < kMidiApis.size(); ++i) {
-        if (i > 0)
-            names += i + 1 == kMidiApis.size() ? " or " : ", ";
-        names += kMidiApis[i].name;
-    }
-    return names;
+    std::vector<std::string> names;
+    for (const auto& api : kMidiApis)
+        names.emplace_back(api.name);
+    return alternatives(names);
 }
 
 std::string_view withoutDashes(std::string_view argument)
@@ -71,14 +80,10 @@ std::optional<std::string_view> optionValue(const std::vector<std::string>& argu
 // "auto, jack, pulseaudio or alsa": what --audio-driver takes here.
 std::string audioDriverNames(const std::vector<std::string>& available)
 {
-    const std::vector<AudioDriverChoice> choices = audioDriverChoices(available);
-    std::string names;
-    for (std::size_t i = 0; i < choices.size(); ++i) {
-        if (i > 0)
-            names += i + 1 == choices.size() ? " or " : ", ";
-        names += choices[i].name;
-    }
-    return names;
+    std::vector<std::string> names;
+    for (const AudioDriverChoice& choice : audioDriverChoices(available))
+        names.push_back(choice.name);
+    return alternatives(names);
 }
 
 CommandLine failure(std::string text)

@@ -64,6 +64,10 @@ AppServices DesktopServices::services()
         if (synth_)
             synth_->setSoundFont(path.toStdString());
     };
+    services.chooseAudioDriver = [this](const QString& name) {
+        if (synth_)
+            synth_->setAudioDriver(name.toStdString());
+    };
     services.addBuiltInSynth = [this](std::unique_ptr<MidiBackend> port) { return addBuiltInSynth(std::move(port)); };
     services.followReaders = [this](MidiPatchbay* readers) {
         if (synth_)

@@ -68,6 +68,10 @@ class ConnectionsTreeTest(ConnectionsTestCase):
         lists = find(sections[0], "list", "Connections")
         self.assertEqual(len(lists), 1)
         self.assertIn("Space connects or disconnects", lists[0]["description"])
+        # Above it, the built-in synthesizer's audio device: a combo box named by its entry (Qt on
+        # Linux) and labelled by its caption, which screen readers say first.
+        boxes = find(window, "combo box")
+        self.assertEqual([(n["name"], n["labelled_by"]) for n in boxes], [("Automatic", ["Audio device:"])])
         # The main window's status bar names the MIDI system and the port.
         main = [w for w in probe.ask("tree") if w["name"] == "Plinkora"][0]
         status = [n["name"] for n in find(main, "label") if n["name"].startswith("MIDI: ")]
