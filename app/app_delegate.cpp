@@ -229,6 +229,8 @@ void AppDelegate::showPreferences()
         connect(preferencesWindow.get(), &PreferencesWindow::closed, this, &AppDelegate::preferencesClosed);
         if (services_.chooseSoundFont)
             connect(preferencesWindow.get(), &PreferencesWindow::soundFontChosen, this, services_.chooseSoundFont);
+        if (services_.chooseAudioDriver)
+            connect(preferencesWindow.get(), &PreferencesWindow::audioDriverChosen, this, services_.chooseAudioDriver);
     }
     bringForward(*preferencesWindow);
 }

@@ -40,6 +40,9 @@ struct AppServices
     std::function<void(Announcer&, AnnouncementLabel*)> attachAnnouncementLabel;
     /// A sound font chosen in the preferences, for the built-in synthesizer; ignored when empty.
     std::function<void(const QString&)> chooseSoundFont;
+    /// An audio device chosen in the preferences ("auto" or a driver's name), for the built-in
+    /// synthesizer.
+    std::function<void(const QString&)> chooseAudioDriver;
     /// The connections of the port PLK on the MIDI system of `backend`; when empty, the
     /// patchbay of that system (none for the null output).
     std::function<std::unique_ptr<MidiPatchbay>(MidiBackend& backend)> makePatchbay;

@@ -1,6 +1,8 @@
 #include "app/command_line.h"
 
 #include "midi/backend_factory.h"
+#include "synth/audio_driver.h"
+#include "synth/fluid_engine.h"
 
 #include <algorithm>
 #include <array>
@@ -20,15 +22,24 @@ constexpr std::array<std::string_view, 15> kQtOptionsWithValue{
 };
 constexpr std::array<std::string_view, 5> kQtFlags{"reverse", "widgetcount", "nograb", "dograb", "sync"};
 
+// "a, b or c".
+std::string alternatives(const std::vector<std::string>& names)
+{
+    std::string text;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        if (i > 0)
+            text += i + 1 == names.size() ? " or " : ", ";
+        text += names[i];
+    }
+    return text;
+}
+
 std::string validNames()
 {
-    std::string names;
-    for (std::size_t i = 0; i < kMidiApis.size(); ++i) {
-        if (i > 0)
-            names += i + 1 == kMidiApis.size() ? " or " : ", ";
-        names += kMidiApis[i].name;
-    }
-    return names;
+    std::vector<std::string> names;
+    for (const auto& api : kMidiApis)
+        names.emplace_back(api.name);
+    return alternatives(names);
 }
 
 std::string_view withoutDashes(std::string_view argument)
@@ -64,6 +75,15 @@ std::optional<std::string_view> optionValue(const std::vector<std::string>& argu
     if (rest.front() == '=')
         return rest.substr(1);
     return std::nullopt;
+}
+
+// "auto, jack, pulseaudio or alsa": what --audio-driver takes here.
+std::string audioDriverNames(const std::vector<std::string>& available)
+{
+    std::vector<std::string> names;
+    for (const AudioDriverChoice& choice : audioDriverChoices(available))
+        names.push_back(choice.name);
+    return alternatives(names);
 }
 
 CommandLine failure(std::string text)
@@ -121,6 +141,13 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments)
             result.soundFont = std::string(*value);
             continue;
         }
+        if (const std::optional<std::string_view> value = optionValue(arguments, i, "audio-driver", missing)) {
+            const std::vector<std::string> available = FluidEngine::availableDrivers();
+            result.audioDriver = missing ? std::nullopt : parseAudioDriver(*value, available);
+            if (!result.audioDriver)
+                return failure("--audio-driver needs " + audioDriverNames(available));
+            continue;
+        }
         if (const std::optional<std::string_view> value = optionValue(arguments, i, "connect", missing)) {
             if (missing || value->empty())
                 return failure("--connect needs the name of a MIDI input, as client:port or client");
@@ -154,7 +181,7 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments)
 std::string helpText()
 {
     return "Usage: plinkora [--midi-api NAME] [--synth auto|on|off] [--soundfont FILE]\n"
-           "                [--connect NAME]...\n"
+           "                [--audio-driver NAME] [--connect NAME]...\n"
            "Plays the computer keyboard as a MIDI controller on the virtual MIDI port \"PLK\".\n"
            "\n"
            "Options:\n"
@@ -170,6 +197,12 @@ std::string helpText()
           "  --soundfont FILE the General MIDI sound font (.sf2 or .sf3) the built-in\n"
           "                   synthesizer plays; remembered as the setting \"SoundFont\".\n"
           "                   Default: FluidR3_GM when installed, else TimGM6mb.\n"
+          "  --audio-driver NAME\n"
+          "                   the built-in synthesizer's audio output: auto (the default: a\n"
+          "                   running JACK server, else PipeWire, else PulseAudio, else\n"
+          "                   ALSA) or one of FluidSynth's audio drivers, such as jack,\n"
+          "                   pipewire, pulseaudio or alsa; remembered as the setting\n"
+          "                   \"AudioDriver\".\n"
           "  --connect NAME   connect PLK to the MIDI input NAME (client:port, or the client\n"
           "                   alone when it has one input) for this run; repeatable. It is\n"
           "                   connected when it appears if it is not there yet.\n"

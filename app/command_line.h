@@ -28,6 +28,9 @@ struct CommandLine
     std::optional<SynthMode> synthMode;
     /// The sound font given with --soundfont, as written; empty when not given.
     std::optional<std::string> soundFont;
+    /// The audio output given with --audio-driver ("auto" or a FluidSynth audio driver, in
+    /// lower case); empty when not given.
+    std::optional<std::string> audioDriver;
     /// The MIDI inputs named by --connect (repeatable), connected for this run only.
     std::vector<std::string> connect;
     /// Whether Qt's own -platform option was given (it chooses the display like QT_QPA_PLATFORM).
@@ -43,6 +46,7 @@ inline constexpr int kExitNoDisplay = 1;
 
 /// Reads the arguments after the program name. Accepts --help (-h), --version (-v),
 /// --midi-api NAME (or --midi-api=NAME, any case), --synth auto|on|off, --soundfont FILE,
+/// --audio-driver NAME (auto or an audio output of the FluidSynth in use, any case),
 /// --connect NAME (repeatable; each also as --option=VALUE) and Qt's standard options, which are
 /// left for Qt. Anything else, or an unknown MIDI system, gives Action::Fail with one line and
 /// exit code 2.

@@ -9,7 +9,11 @@
 #include "platform/screen_reader_monitor.h"
 #include "platform/speech_dispatcher_voice.h"
 
+#include <QPointer>
 #include <QTimer>
+
+#include <functional>
+#include <utility>
 
 namespace plinkora {
 
@@ -21,14 +25,23 @@ class DesktopServices::LateScreenReaderDetector final : public ScreenReaderDetec
 {
 public:
     bool isRunning() const override { return monitor_ && monitor_->isRunning(); }
+    bool hasAnswered() const override { return monitor_ && monitor_->hasAnswered(); }
+    /// Called once, when the monitor's first answers are in.
+    void setFirstAnswerCallback(std::function<void()> answered) { firstAnswer_ = std::move(answered); }
     void make()
     {
-        if (!monitor_)
-            monitor_ = std::make_unique<ScreenReaderMonitor>();
+        if (monitor_)
+            return;
+        monitor_ = std::make_unique<ScreenReaderMonitor>();
+        QObject::connect(monitor_.get(), &ScreenReaderMonitor::refreshed, monitor_.get(), [this] {
+            if (firstAnswer_)
+                std::exchange(firstAnswer_, {})();
+        });
     }
 
 private:
     std::unique_ptr<ScreenReaderMonitor> monitor_;
+    std::function<void()> firstAnswer_;
 };
 
 DesktopServices::DesktopServices(std::optional<std::string> midiApi, SettingsStore& settings,
@@ -50,6 +63,10 @@ AppServices DesktopServices::services()
     services.chooseSoundFont = [this](const QString& path) {
         if (synth_)
             synth_->setSoundFont(path.toStdString());
+    };
+    services.chooseAudioDriver = [this](const QString& name) {
+        if (synth_)
+            synth_->setAudioDriver(name.toStdString());
     };
     services.addBuiltInSynth = [this](std::unique_ptr<MidiBackend> port) { return addBuiltInSynth(std::move(port)); };
     services.followReaders = [this](MidiPatchbay* readers) {
@@ -99,7 +116,13 @@ std::unique_ptr<Announcer> DesktopServices::makeAnnouncer()
     }
     if (!voice_)
         voice_ = std::make_unique<SpeechDispatcherVoice>();
-    return std::make_unique<DesktopAnnouncer>(*screenReader_, *voice_);
+    auto announcer = std::make_unique<DesktopAnnouncer>(*screenReader_, *voice_);
+    // What was to be spoken before the screen-reader question had its answer is spoken then.
+    screenReader_->setFirstAnswerCallback([announcer = announcer.get(), alive = QPointer<QObject>(announcer->context())] {
+        if (alive)
+            announcer->speakHeld();
+    });
+    return announcer;
 }
 
 } // namespace plinkora

@@ -69,6 +69,36 @@ AnnouncementLabel::AnnouncementLabel(QWidget* parent)
     setTextFormat(Qt::PlainText);
 }
 
+AnnouncementLabel::AnnouncementLabel(QWidget* parent, Twin)
+    : QLabel(parent)
+{
+    setTextFormat(Qt::PlainText);
+    setFixedSize(0, 0);
+    // Not shown with its parent: it appears only for its own announcements.
+    hide();
+}
+
+QLabel* AnnouncementLabel::lastCarrier() const
+{
+    if (lastCarrier_)
+        return lastCarrier_.data();
+    return const_cast<AnnouncementLabel*>(this);
+}
+
+AnnouncementLabel* AnnouncementLabel::twin()
+{
+    if (!twin_ && parentWidget() != nullptr)
+        twin_ = new AnnouncementLabel(parentWidget(), Twin{});
+    return twin_.data();
+}
+
+void AnnouncementLabel::showAgainNamed(QWidget& carrier, const QString& text)
+{
+    carrier.hide();
+    carrier.setAccessibleName(text);
+    carrier.show();
+}
+
 void AnnouncementLabel::announce(const QString& text)
 {
 #if QT_VERSION >= QT_VERSION_CHECK(6, 8, 0)
@@ -83,10 +113,19 @@ void AnnouncementLabel::announce(const QString& text)
 #else
     // Before Qt 6.8 there is no announcement event (an Alert event does not reach AT-SPI). A
     // notification that becomes visible does: Orca speaks its name when it is shown again.
-    hide();
+    // The label and its twin take turns; the one not carrying this text is left as it is, so
+    // that a notification still waiting in Orca's queue keeps its own name.
     setText(text);
-    setAccessibleName(text);
-    show();
+    if (twinsTurn_ && twin() != nullptr) {
+        showAgainNamed(*twin_, text);
+        lastCarrier_ = twin_.data();
+    } else {
+        if (twin_)
+            twin_->hide();
+        showAgainNamed(*this, text);
+        lastCarrier_ = this;
+    }
+    twinsTurn_ = !twinsTurn_;
 #endif
 }
 

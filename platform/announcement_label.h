@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QLabel>
+#include <QPointer>
 #include <QString>
 
 namespace plinkora {
@@ -18,6 +19,13 @@ bool switchOnAccessibilityBridge();
 /// accessible name) and shows it again: AT-SPI sees a notification become visible, which Orca
 /// speaks without moving focus (inside a QStatusBar, as the text alone). The text stays visible
 /// for sighted users.
+///
+/// Orca reads the events in turn, some time after they were sent, and skips a "showing" event
+/// when a later one of the same object is already waiting; it also reads the name as it is
+/// then, not as it was. Two announcements close together (a connection made and undone at once)
+/// on one object would be heard as the second one alone. So the announcements take turns
+/// between the label and an empty twin notification beside it (no size, never painted): each
+/// object keeps its name until its next turn.
 class AnnouncementLabel final : public QLabel
 {
     Q_OBJECT
@@ -30,6 +38,22 @@ public:
 
     /// Shows `text` and posts it to assistive technology as a notification.
     void announce(const QString& text);
+
+    /// The notification that carried the last announcement: this label or its twin.
+    QLabel* lastCarrier() const;
+
+private:
+    struct Twin
+    {
+    };
+    AnnouncementLabel(QWidget* parent, Twin);
+
+    static void showAgainNamed(QWidget& carrier, const QString& text);
+    AnnouncementLabel* twin();
+
+    QPointer<AnnouncementLabel> twin_;
+    QPointer<QLabel> lastCarrier_;
+    bool twinsTurn_ = false;
 };
 
 } // namespace plinkora

@@ -1,5 +1,7 @@
 #include "platform/desktop_announcer.h"
 
+#include <utility>
+
 namespace plinkora {
 
 DesktopAnnouncer::DesktopAnnouncer(const ScreenReaderDetector& screenReader, Voice& voice,
@@ -44,7 +46,20 @@ void DesktopAnnouncer::stopSpeaking()
 
 void DesktopAnnouncer::speak(const QString& text)
 {
+    // Just after start the screen-reader question has no answer yet: speaking now could talk
+    // over a screen reader that says the same text.
+    if (!screenReader_.hasAnswered()) {
+        held_ = text;
+        return;
+    }
     voice_.speak(text);
+}
+
+void DesktopAnnouncer::speakHeld()
+{
+    const QString text = std::exchange(held_, QString());
+    if (!text.isEmpty() && !screenReader_.isRunning())
+        voice_.speak(text);
 }
 
 } // namespace plinkora

@@ -4,6 +4,7 @@
 #include "platform/voice.h"
 #include "properties/announcer.h"
 
+#include <QObject>
 #include <QPointer>
 #include <QString>
 
@@ -37,11 +38,19 @@ public:
     void stopSpeaking() override;
     void speak(const QString& text) override;
 
+    /// Speaks what speak() held back while the screen-reader question had no answer yet (the
+    /// last such text), unless a screen reader runs. Call it when the first answer comes.
+    void speakHeld();
+    /// Lives as long as the announcer: a context for calls that must not outlive it.
+    QObject* context() { return &context_; }
+
 private:
     const ScreenReaderDetector& screenReader_;
     Voice& voice_;
     QPointer<AnnouncementLabel> label_;
     QString lastAnnouncement_;
+    QString held_;
+    QObject context_;
 };
 
 } // namespace plinkora

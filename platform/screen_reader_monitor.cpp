@@ -124,6 +124,7 @@ void ScreenReaderMonitor::callFinished()
 {
     if (--outstandingCalls_ == 0 && refreshing_) {
         refreshing_ = false;
+        answered_ = true;
         emit refreshed();
     }
 }

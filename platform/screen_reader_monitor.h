@@ -49,6 +49,8 @@ public:
 
     /// True while a screen reader runs. Reads a cached flag: a few nanoseconds, no D-Bus.
     bool isRunning() const override { return running_.load(std::memory_order_relaxed); }
+    /// True once the first refresh() has all its answers (main thread).
+    bool hasAnswered() const override { return answered_; }
 
     /// The desktop's screen-reader switch as last seen.
     bool screenReaderSwitchOn() const { return switchOn_; }
@@ -108,6 +110,7 @@ private:
     std::uint64_t generation_ = 0; // answers of an older generation are dropped
     int outstandingCalls_ = 0;
     bool refreshing_ = false;
+    bool answered_ = false;
     std::atomic<bool> running_{false};
 };
 

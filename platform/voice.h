@@ -25,6 +25,8 @@ public:
     virtual ~ScreenReaderDetector() = default;
 
     virtual bool isRunning() const = 0;
+    /// False until the first answer is in: until then isRunning() says false for want of knowing.
+    virtual bool hasAnswered() const { return true; }
 };
 
 } // namespace plinkora

@@ -52,6 +52,18 @@ SynthMode initialMode(const SettingsStore& settings, const std::optional<SynthMo
 }
 } // namespace
 
+std::string BuiltInSynth::storedAudioDriver(const SettingsStore& settings, const std::vector<std::string>& available)
+{
+    const QString stored = settings.stringForKey(QString::fromLatin1(kAudioDriverKey)).trimmed();
+    if (stored.isEmpty())
+        return std::string(kAutomaticAudioDriver);
+    if (const std::optional<std::string> driver = parseAudioDriver(stored.toStdString(), available))
+        return *driver;
+    printLine("Ignoring the setting \"" + std::string(kAudioDriverKey) + "\" in " + settings.fileName().toStdString()
+              + ": \"" + stored.toStdString() + "\" is not auto or an audio output of FluidSynth");
+    return std::string(kAutomaticAudioDriver);
+}
+
 BuiltInSynth::BuiltInSynth(SettingsStore& settings, Options options)
     : settings_(settings)
     , engine_(std::move(options.engine))
@@ -65,6 +77,14 @@ BuiltInSynth::BuiltInSynth(SettingsStore& settings, Options options)
         if (soundFont_.empty())
             soundFont_ = defaultSoundFont();
     }
+    if (options.audioDriver) {
+        audioDriver_ = *options.audioDriver;
+        settings_.setString(QString::fromStdString(audioDriver_), QString::fromLatin1(kAudioDriverKey));
+    } else {
+        audioDriver_ = storedAudioDriver(settings_, FluidEngine::availableDrivers());
+    }
+    if (audioDriver_ != kAutomaticAudioDriver)
+        engine_.setDrivers(audioDriversFor(audioDriver_));
     engine_.setPlaying(policy_.shouldPlay());
     policy_.setPlayingChanged([this](bool playing) { playingChanged(playing); });
     engine_.setChangedCallback([this] { notify(); });
@@ -106,6 +126,15 @@ void BuiltInSynth::setSoundFont(const std::string& path)
         return;
     loadRequested_ = true;
     engine_.load(soundFont_);
+}
+
+void BuiltInSynth::setAudioDriver(const std::string& choice)
+{
+    audioDriver_ = choice.empty() ? std::string(kAutomaticAudioDriver) : choice;
+    settings_.setString(QString::fromStdString(audioDriver_), QString::fromLatin1(kAudioDriverKey));
+    printLine("Built-in synthesizer: audio output " + audioDriver_);
+    engine_.setDrivers(audioDriversFor(audioDriver_));
+    notify();
 }
 
 void BuiltInSynth::setPatchbay(MidiPatchbay* patchbay)

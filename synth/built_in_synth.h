@@ -21,17 +21,20 @@ class SettingsStore;
 /// it with FluidSynth while its policy lets it (`--synth`, the setting "Synth"; auto: while no
 /// other program reads PLK). The sound font is the one given with `--soundfont` (then
 /// remembered), else the setting "SoundFont", else FluidR3_GM when installed, else TimGM6mb.
-/// Main thread only.
+/// The audio output likewise: `--audio-driver` (then remembered), else the setting
+/// "AudioDriver", else automatic. Main thread only.
 class BuiltInSynth final : public SynthControl, public MidiListener
 {
 public:
     static constexpr const char* kModeKey = "Synth";
     static constexpr const char* kSoundFontKey = "SoundFont";
+    static constexpr const char* kAudioDriverKey = "AudioDriver";
 
     struct Options
     {
         std::optional<SynthMode> mode;        // --synth: for this run, not remembered
         std::optional<std::string> soundFont; // --soundfont: remembered
+        std::optional<std::string> audioDriver; // --audio-driver: remembered
         FluidEngine::Options engine;
     };
 
@@ -51,6 +54,14 @@ public:
     void setSoundFont(const std::string& path);
     /// The font used when none is chosen: FluidR3_GM when installed, else TimGM6mb.
     static std::string defaultSoundFont();
+
+    /// The chosen audio output: "auto" or a FluidSynth audio driver's name.
+    const std::string& audioDriver() const { return audioDriver_; }
+    /// Chooses the audio output, remembers it and opens it (again, when it is the one in use or
+    /// the one that failed). A failure gives one line and an announcement.
+    void setAudioDriver(const std::string& choice);
+    /// The stored choice of `settings`, "auto" when none or not one of `available`.
+    static std::string storedAudioDriver(const SettingsStore& settings, const std::vector<std::string>& available);
 
     /// Follows PLK's readers on `patchbay` for the auto mode (null: nobody reads PLK).
     void setPatchbay(MidiPatchbay* patchbay);
@@ -77,6 +88,7 @@ private:
     FluidEngine engine_;
     SynthPolicy policy_;
     std::string soundFont_;
+    std::string audioDriver_;
     bool started_ = false;
     bool loadRequested_ = false;
     std::function<void(const UserText&)> announce_;

@@ -139,6 +139,7 @@ struct FluidEngine::Outcome
     std::string soundFont;
     std::string driverName;
     std::string problem;
+    std::vector<std::string> drivers; // those tried
 };
 
 // Opens the first of `drivers` that works for `instance`: its name, or empty and `problem` set to
@@ -146,19 +147,30 @@ struct FluidEngine::Outcome
 std::string FluidEngine::openFirstDriver(Instance& instance, const std::vector<std::string>& drivers,
                                          std::string& problem)
 {
+    // One output chosen by name is tried whatever happens, so that its failure says why.
+    const bool chosen = drivers.size() == 1;
     std::string failures;
+    const auto fail = [&failures](const std::string& driver, const std::string& why) {
+        failures += (failures.empty() ? "" : "; ") + driver + (why.empty() ? "" : ": " + why);
+    };
     for (const std::string& driver : drivers) {
         // JACK: a JACK server, or PipeWire through its JACK library (under pw-jack).
-        if (driver == "jack" && !jackServerSocketExists() && !pipeWireJackAvailable())
+        if (driver == "jack" && !jackServerSocketExists() && !pipeWireJackAvailable()) {
+            if (chosen)
+                fail(driver, "no JACK server is running");
             continue;
+        }
         takeLastError();
         const QuietAlsa quiet;
         if (instance.openDriver(driver))
             return driver;
         const std::string why = takeLastError();
-        if (why.starts_with("Couldn't find the requested audio driver"))
+        if (why.starts_with("Couldn't find the requested audio driver")) {
+            if (chosen)
+                fail(driver, "not in this FluidSynth");
             continue;
-        failures += (failures.empty() ? "" : "; ") + driver + (why.empty() ? "" : ": " + why);
+        }
+        fail(driver, why);
     }
     problem = "Audio output failed: " + (failures.empty() ? std::string("no audio output") : failures);
     return {};
@@ -223,6 +235,7 @@ void FluidEngine::load(const std::string& soundFont)
             return;
         }
         outcome.driverName = openFirstDriver(*instance, drivers, outcome.problem);
+        outcome.drivers = drivers;
         outcome.instance = std::move(instance);
     });
 }
@@ -230,6 +243,34 @@ void FluidEngine::load(const std::string& soundFont)
 void FluidEngine::retryAudio()
 {
     openAudio(true);
+}
+
+void FluidEngine::setDrivers(std::vector<std::string> drivers)
+{
+    options_.drivers = std::move(drivers);
+    // A load under way tried the old ones: finish() opens the output again with these.
+    if (!instance_)
+        return;
+    idleTimer_.stop();
+    instance_->closeDriver();
+    const bool wasReady = !driverName_.empty();
+    driverName_.clear();
+    suspended_ = false;
+    openAudio(true);
+    if (wasReady && driverName_.empty() && changed_)
+        changed_();
+}
+
+std::vector<std::string> FluidEngine::availableDrivers()
+{
+    std::vector<std::string> names;
+    fluid_settings_t* settings = new_fluid_settings();
+    fluid_settings_foreach_option(settings, "audio.driver", &names,
+                                  [](void* data, const char*, const char* option) {
+                                      static_cast<std::vector<std::string>*>(data)->emplace_back(option);
+                                  });
+    delete_fluid_settings(settings);
+    return names;
 }
 
 void FluidEngine::openAudio(bool sayWhyNot)
@@ -257,8 +298,15 @@ void FluidEngine::finish(const std::shared_ptr<Outcome>& outcome)
         soundFontPath_ = outcome->soundFont;
         driverName_ = outcome->driverName;
         adopt(std::move(outcome->instance));
-        if (!driverName_.empty())
+        if (outcome->drivers != options_.drivers) {
+            // Other outputs were chosen while the font loaded: those count.
+            instance_->closeDriver();
+            driverName_.clear();
+            outcome->problem.clear();
+            openAudio(true);
+        } else if (!driverName_.empty()) {
             printLine("Built-in synthesizer: " + soundFontPath_ + " on " + driverName_);
+        }
     }
     if (!outcome->problem.empty())
         report(outcome->problem);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "synth/audio_driver.h"
 #include "synth/synth_target.h"
 
 #include <QObject>
@@ -35,8 +36,9 @@ public:
     struct Options
     {
         std::chrono::milliseconds idleTime{10000};
-        /// The audio outputs to try, in order. "jack" is tried only while a JACK server runs.
-        std::vector<std::string> drivers{"jack", "pipewire", "pulseaudio", "alsa"};
+        /// The audio outputs to try, in order. Of several, "jack" is tried only while a JACK
+        /// server runs and those this FluidSynth lacks are passed over.
+        std::vector<std::string> drivers = automaticAudioDrivers();
         /// Where FluidSynth's "file" output writes (tests); empty: its default.
         std::string audioFile;
     };
@@ -53,6 +55,13 @@ public:
     /// Opens the audio output again after it failed (another device may be there now). A note
     /// does this too, at most every 5 s, while no output is open.
     void retryAudio();
+    /// Changes the audio outputs to try and opens the output again with them: the one open now
+    /// is closed first. A failure gives the "Audio output failed: ..." line (and the problem
+    /// callback). Before a sound font is loaded it only changes what the load will try.
+    void setDrivers(std::vector<std::string> drivers);
+    const std::vector<std::string>& drivers() const { return options_.drivers; }
+    /// The audio outputs this FluidSynth has ("alsa", "jack", "pulseaudio", ...).
+    static std::vector<std::string> availableDrivers();
 
     /// While false, notes are released at once and new ones are dropped.
     void setPlaying(bool playing);

@@ -10,6 +10,7 @@
 
 #include <QAccessibleWidget>
 #include <QCloseEvent>
+#include <QComboBox>
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QKeyEvent>
@@ -80,7 +81,7 @@ PreferencesWindow::PreferencesWindow(BenderController& benderController, Setting
     (void)accessibilityInstalled;
     setWindowTitle(tr("Preferences"));
     // Titled and closable, neither resizable nor minimisable.
-    setFixedSize(kWidth, connections ? kHeight + kConnectionsHeight : kHeight);
+    setFixedSize(kWidth, kHeight + kAudioRowHeight + (connections ? kConnectionsHeight : 0));
     // Closing hides the window; its owner deletes it when told by `closed`.
     setAttribute(Qt::WA_DeleteOnClose, false);
     setBackgroundRole(QPalette::Window);
@@ -113,6 +114,7 @@ void PreferencesWindow::setupUI()
     setupBenderGroup();
     setupFunctionKeyGroup();
     setupSoundFontRow();
+    setupAudioDeviceRow();
 
     // The whole window by keyboard: the two sliders, then F1 to F4.
     setTabOrder(pitchSpeedSlider_, modSpeedSlider_);
@@ -120,6 +122,7 @@ void PreferencesWindow::setupUI()
     for (std::size_t i = 1; i < ccFields_.size(); ++i)
         setTabOrder(ccFields_[i - 1], ccFields_[i]);
     setTabOrder(ccFields_.back(), soundFontButton_);
+    setTabOrder(soundFontButton_, audioDeviceBox_);
 
     // The close key is the window's: it is looked at before the focused control, which might
     // otherwise take Ctrl+Alt+W as a typed character.
@@ -127,20 +130,21 @@ void PreferencesWindow::setupUI()
     modSpeedSlider_->installEventFilter(this);
     for (QLineEdit* field : ccFields_)
         field->installEventFilter(this);
+    audioDeviceBox_->installEventFilter(this);
 }
 
 void PreferencesWindow::setupConnections(ConnectionKeeper& keeper)
 {
-    // Below the function keys and the sound font row, in the added height.
-    constexpr int top = kHeight - 30;
+    // Below the function keys, the sound font and the audio device, in the added height.
+    constexpr int top = kHeight - 30 + kAudioRowHeight;
     auto* group = new SettingsGroup(ConnectionsView::tr(ConnectionsView::kHeading), this);
-    group->setGeometry(0, top, kWidth, kHeight + kConnectionsHeight - top);
+    group->setGeometry(0, top, kWidth, kHeight + kAudioRowHeight + kConnectionsHeight - top);
     auto* layout = new QVBoxLayout(group);
     layout->setContentsMargins(0, 0, 0, 0);
     connectionsView_ = new ConnectionsView(keeper, group);
     layout->addWidget(connectionsView_);
 
-    setTabOrder(soundFontButton_, connectionsView_->list());
+    setTabOrder(audioDeviceBox_, connectionsView_->list());
     connectionsView_->list()->installEventFilter(this);
 }
 
@@ -228,6 +232,27 @@ void PreferencesWindow::setupSoundFontRow()
     QString path = settings_.stringForKey(QString::fromLatin1(BuiltInSynth::kSoundFontKey)).trimmed();
     showSoundFont(path.isEmpty() ? QString::fromStdString(BuiltInSynth::defaultSoundFont()) : path);
     connect(soundFontButton_, &QPushButton::clicked, this, &PreferencesWindow::chooseSoundFont);
+}
+
+void PreferencesWindow::setupAudioDeviceRow()
+{
+    // Below the sound font, in the row added under the design's height.
+    constexpr int top = kHeight - 32;
+    QLabel* caption = makeLabel(QStringLiteral("Audio device:"), this, QRect(20, top + 4, 100, 20));
+    audioDeviceBox_ = new QComboBox(this);
+    // On Linux Qt names a combo box by its current entry; screen readers say what it is from
+    // its "labelled by" relation, which the caption's buddy gives.
+    caption->setBuddy(audioDeviceBox_);
+    audioDeviceBox_->setGeometry(130, top, 250, 28);
+    audioDeviceBox_->setAccessibleName(QStringLiteral("Audio device"));
+    for (const AudioDriverChoice& choice : audioDriverChoices(FluidEngine::availableDrivers()))
+        audioDeviceBox_->addItem(QString::fromStdString(choice.text), QString::fromStdString(choice.name));
+    const std::string stored = BuiltInSynth::storedAudioDriver(settings_, FluidEngine::availableDrivers());
+    const int index = audioDeviceBox_->findData(QString::fromStdString(stored));
+    audioDeviceBox_->setCurrentIndex(index >= 0 ? index : 0);
+    // A choice by the user only (not the start value); the same entry again tries again.
+    connect(audioDeviceBox_, &QComboBox::activated, this,
+            [this](int chosen) { emit audioDriverChosen(audioDeviceBox_->itemData(chosen).toString()); });
 }
 
 void PreferencesWindow::showSoundFont(const QString& path)

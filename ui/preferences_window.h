@@ -4,6 +4,7 @@
 
 #include <array>
 
+class QComboBox;
 class QLabel;
 class QLineEdit;
 class QPushButton;
@@ -17,10 +18,10 @@ class SettingsGroup;
 class SettingsStore;
 class SpeedSlider;
 
-/// The settings window (400 by 450, titled "Preferences", not resizable): the two bender
+/// The settings window (400 by 484, titled "Preferences", not resizable): the two bender
 /// speeds on sliders, applied to the bender controller at once and saved, and the controller
 /// numbers of F1 to F4 in text fields, saved when committed (invalid entries are silently put
-/// back). Ctrl+W (Command+W on macOS) closes it. It does not delete itself when closed: it
+/// back); below them the built-in synthesizer's sound font and audio device. Ctrl+W (Command+W on macOS) closes it. It does not delete itself when closed: it
 /// emits `closed` and its owner drops it. Main thread only.
 class PreferencesWindow final : public QWidget
 {
@@ -41,7 +42,9 @@ public:
     PreferencesWindow& operator=(const PreferencesWindow&) = delete;
 
     static constexpr int kWidth = 400;
+    /// The height of the design's part, above the audio device row.
     static constexpr int kHeight = 450;
+    static constexpr int kAudioRowHeight = 34;
     static constexpr int kConnectionsHeight = 230;
     static constexpr double kMinimumSpeed = 20.0;
     static constexpr double kMaximumSpeed = 500.0;
@@ -58,6 +61,9 @@ public:
     QLabel* soundFontLabel() const { return soundFontLabel_; }
     /// Shows `path` as the built-in synthesizer's sound font (what choosing one does, too).
     void showSoundFont(const QString& path);
+    /// The built-in synthesizer's audio device: "Automatic", then the outputs of FluidSynth;
+    /// each entry's data is the name stored in the setting "AudioDriver".
+    QComboBox* audioDeviceBox() const { return audioDeviceBox_; }
     /// The Connections section; null without a connection keeper.
     ConnectionsView* connectionsView() const { return connectionsView_; }
 
@@ -66,6 +72,9 @@ signals:
     void closed();
     /// The user chose a sound font file for the built-in synthesizer (.sf2 or .sf3).
     void soundFontChosen(const QString& path);
+    /// The user chose an audio device for the built-in synthesizer ("auto" or a driver's name);
+    /// also when it is the one chosen before, so that a failed device is tried again.
+    void audioDriverChosen(const QString& name);
 
 protected:
     /// Sees the key presses of the window's controls first, as a window-level key equivalent.
@@ -87,6 +96,7 @@ private:
     void setupFunctionKeyGroup();
     void setupSoundFontRow();
     void chooseSoundFont();
+    void setupAudioDeviceRow();
     void setupConnections(ConnectionKeeper& keeper);
     /// Applies the text of field `index` by the function keys' write rule.
     void ccChanged(int index);
@@ -108,6 +118,7 @@ private:
     QLabel* modSpeedLabel_ = nullptr;
     QPushButton* soundFontButton_ = nullptr;
     QLabel* soundFontLabel_ = nullptr;
+    QComboBox* audioDeviceBox_ = nullptr;
     std::array<QLineEdit*, 4> ccFields_{};
     ConnectionsView* connectionsView_ = nullptr;
 };

@@ -173,9 +173,27 @@ TEST(CommandLine, SoundFontTakesAFileAsWrittenWhichIsCheckedWhenItIsLoaded)
     EXPECT_EQ(parse({"--soundfont="}).action, CommandLine::Action::Fail);
 }
 
+TEST(CommandLine, AudioDriverTakesAutoOrAnAudioOutputOfFluidSynth)
+{
+    EXPECT_EQ(parse({}).audioDriver, std::nullopt);
+    EXPECT_EQ(parse({"--audio-driver", "ALSA"}).audioDriver, "alsa");
+    EXPECT_EQ(parse({"--audio-driver=auto"}).audioDriver, "auto");
+    EXPECT_EQ(parse({"--audio-driver=jack", "--synth", "on"}).audioDriver, "jack");
+    for (const std::vector<std::string>& bad :
+         {std::vector<std::string>{"--audio-driver"}, {"--audio-driver="}, {"--audio-driver", "loudspeaker"}}) {
+        const CommandLine failed = parse(bad);
+        EXPECT_EQ(failed.action, CommandLine::Action::Fail);
+        EXPECT_EQ(failed.exitCode, kExitUsage);
+        EXPECT_TRUE(failed.text.starts_with("plinkora: --audio-driver needs auto, ")) << failed.text;
+        EXPECT_NE(failed.text.find("alsa"), std::string::npos) << failed.text;
+    }
+}
+
 TEST(CommandLine, HelpExplainsTheBuiltInSynthesizerOptions)
 {
     const std::string help = parse({"--help"}).text;
+    EXPECT_NE(help.find("--audio-driver NAME"), std::string::npos);
+    EXPECT_NE(help.find("\"AudioDriver\""), std::string::npos);
     EXPECT_NE(help.find("--synth MODE"), std::string::npos);
     EXPECT_NE(help.find("--soundfont FILE"), std::string::npos);
     EXPECT_NE(help.find("TimGM6mb"), std::string::npos);

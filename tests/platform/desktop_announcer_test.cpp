@@ -17,7 +17,9 @@ class FakeScreenReader final : public ScreenReaderDetector
 {
 public:
     bool isRunning() const override { return running; }
+    bool hasAnswered() const override { return answered; }
     bool running = false;
+    bool answered = true;
 };
 
 class FakeVoice final : public Voice
@@ -96,6 +98,36 @@ TEST(DesktopAnnouncerTest, AsksTheScreenReaderDetector)
     EXPECT_FALSE(announcer.isScreenReaderRunning());
     screenReader.running = true;
     EXPECT_TRUE(announcer.isScreenReaderRunning());
+}
+
+TEST(DesktopAnnouncerTest, HoldsItsVoiceUntilTheScreenReaderQuestionIsAnswered)
+{
+    FakeScreenReader screenReader;
+    screenReader.answered = false;
+    FakeVoice voice;
+    DesktopAnnouncer announcer(screenReader, voice);
+    announcer.speak(QStringLiteral("Connected to synth:in"));
+    announcer.speak(QStringLiteral("Program: 3"));
+    EXPECT_TRUE(voice.calls.isEmpty());
+
+    // No screen reader: the last held text is spoken, once.
+    screenReader.answered = true;
+    announcer.speakHeld();
+    announcer.speakHeld();
+    EXPECT_EQ(voice.calls, (QStringList{QStringLiteral("speak:Program: 3")}));
+}
+
+TEST(DesktopAnnouncerTest, DropsTheHeldTextWhenAScreenReaderRuns)
+{
+    FakeScreenReader screenReader;
+    screenReader.answered = false;
+    FakeVoice voice;
+    DesktopAnnouncer announcer(screenReader, voice);
+    announcer.speak(QStringLiteral("Connected to synth:in"));
+    screenReader.answered = true;
+    screenReader.running = true;
+    announcer.speakHeld();
+    EXPECT_TRUE(voice.calls.isEmpty());
 }
 
 TEST(DesktopAnnouncerTest, SpeaksAndStopsThroughTheVoice)

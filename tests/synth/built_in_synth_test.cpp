@@ -8,6 +8,8 @@
 #include <QSettings>
 #include <QTemporaryDir>
 
+#include <algorithm>
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -191,4 +193,103 @@ TEST_F(BuiltInSynthTest, TheSettingChoosesTheModeAndTheFont)
     BuiltInSynth synth(settings, fileOutput());
     EXPECT_EQ(synth.mode(), SynthMode::Off);
     EXPECT_EQ(synth.soundFont(), "/somewhere/else.sf3");
+}
+
+TEST_F(BuiltInSynthTest, AFailedAudioOutputSaysOneLineAndChoosingAnotherTriesAgain)
+{
+    qputenv("JACK_DEFAULT_SERVER", QByteArray("plinkora-none-") + QByteArray::number(QCoreApplication::applicationPid()));
+    BuiltInSynth::Options options = fileOutput();
+    options.audioDriver = "jack";
+    BuiltInSynth synth(settings, options);
+    EXPECT_EQ(synth.audioDriver(), "jack");
+    EXPECT_EQ(settings.stringForKey(QStringLiteral("AudioDriver")), QStringLiteral("jack")); // remembered
+    std::vector<QString> announced;
+    synth.setAnnounce([&](const QString& text) { announced.push_back(text); });
+    synth.start();
+    ASSERT_TRUE(waitFor([&] { return !announced.empty(); }));
+    EXPECT_EQ(announced, std::vector<QString>{QStringLiteral("Audio output failed: jack: no JACK server is running")});
+    EXPECT_FALSE(synth.isAudible());
+
+    // The same one again tries again, and fails again, with one more line.
+    synth.setAudioDriver("jack");
+    EXPECT_EQ(announced.size(), 2U);
+    EXPECT_FALSE(synth.isAudible());
+
+    // Another one opens, and is remembered.
+    synth.setAudioDriver("file");
+    EXPECT_TRUE(synth.isAudible());
+    EXPECT_EQ(synth.engine().driverName(), "file");
+    EXPECT_EQ(settings.stringForKey(QStringLiteral("AudioDriver")), QStringLiteral("file"));
+    EXPECT_EQ(announced.size(), 2U);
+    qunsetenv("JACK_DEFAULT_SERVER");
+}
+
+TEST_F(BuiltInSynthTest, ChoosingAnotherAudioOutputWhilePlayingClosesTheOneInUse)
+{
+    qputenv("JACK_DEFAULT_SERVER", QByteArray("plinkora-none-") + QByteArray::number(QCoreApplication::applicationPid()));
+    BuiltInSynth synth(settings, fileOutput());
+    std::vector<QString> announced;
+    synth.setAnnounce([&](const QString& text) { announced.push_back(text); });
+    int changes = 0;
+    synth.setChangeCallback([&] { ++changes; });
+    synth.start();
+    ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
+    const int before = changes;
+    synth.setAudioDriver("jack");
+    EXPECT_FALSE(synth.isAudible());
+    EXPECT_EQ(synth.engine().driverName(), "");
+    EXPECT_GT(changes, before);
+    ASSERT_EQ(announced.size(), 1U);
+    EXPECT_EQ(announced.front(), QStringLiteral("Audio output failed: jack: no JACK server is running"));
+    qunsetenv("JACK_DEFAULT_SERVER");
+}
+
+TEST_F(BuiltInSynthTest, AnAudioOutputChosenWhileTheFontLoadsIsTheOneOpened)
+{
+    BuiltInSynth::Options options = fileOutput();
+    options.engine.drivers = {"no-such-output"};
+    BuiltInSynth synth(settings, options);
+    std::vector<QString> announced;
+    synth.setAnnounce([&](const QString& text) { announced.push_back(text); });
+    synth.start();
+    synth.setAudioDriver("file"); // the worker tried the old one
+    ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
+    EXPECT_EQ(synth.engine().driverName(), "file");
+    EXPECT_TRUE(announced.empty());
+}
+
+TEST_F(BuiltInSynthTest, TheSettingChoosesTheAudioOutput)
+{
+    EXPECT_EQ(BuiltInSynth(settings, fileOutput()).audioDriver(), "auto");
+    settings.setString(QStringLiteral("ALSA"), QStringLiteral("AudioDriver"));
+    {
+        BuiltInSynth synth(settings, fileOutput());
+        EXPECT_EQ(synth.audioDriver(), "alsa");
+        EXPECT_EQ(synth.engine().drivers(), std::vector<std::string>{"alsa"});
+    }
+    settings.setString(QStringLiteral("loudspeaker"), QStringLiteral("AudioDriver"));
+    EXPECT_EQ(BuiltInSynth(settings, fileOutput()).audioDriver(), "auto");
+}
+
+TEST(AudioDriverTest, NamesAndChoices)
+{
+    const std::vector<std::string> available{"alsa", "file", "jack", "oss", "pulseaudio"};
+    EXPECT_EQ(parseAudioDriver("AUTO", available), "auto");
+    EXPECT_EQ(parseAudioDriver("Jack", available), "jack");
+    EXPECT_EQ(parseAudioDriver("pipewire", available), std::nullopt); // not in this FluidSynth
+    EXPECT_EQ(parseAudioDriver("", available), std::nullopt);
+    EXPECT_EQ(audioDriversFor("auto"), (std::vector<std::string>{"jack", "pipewire", "pulseaudio", "alsa"}));
+    EXPECT_EQ(audioDriversFor("alsa"), std::vector<std::string>{"alsa"});
+
+    std::vector<std::string> names;
+    std::vector<std::string> texts;
+    for (const AudioDriverChoice& choice : audioDriverChoices(available)) {
+        names.push_back(choice.name);
+        texts.push_back(choice.text);
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"auto", "jack", "pulseaudio", "alsa", "oss"}));
+    EXPECT_EQ(texts, (std::vector<std::string>{"Automatic", "JACK", "PulseAudio", "ALSA", "oss"}));
+    const std::vector<std::string> here = FluidEngine::availableDrivers();
+    EXPECT_NE(std::find(here.begin(), here.end(), "alsa"), here.end());
+    EXPECT_NE(std::find(here.begin(), here.end(), "file"), here.end());
 }

@@ -4,6 +4,7 @@
 #include "ui/connections_view.h"
 #include "ui/preferences_window.h"
 
+#include <QComboBox>
 #include <QAccessible>
 #include <QApplication>
 #include <QLabel>
@@ -139,22 +140,27 @@ TEST_F(ConnectionsViewTest, ARememberedInputThatIsNotThereIsListedAndCanBeForgot
     EXPECT_EQ(list->count(), 3);
 }
 
-TEST_F(ConnectionsViewTest, ThePreferencesWindowGainsTheSectionAfterTheFunctionKeysAndTheSoundFont)
+TEST_F(ConnectionsViewTest, ThePreferencesWindowGainsTheSectionAfterTheFunctionKeysAndTheSynthesizer)
 {
     PreferencesWindow window(*monitor().benderController, settings, &keeper);
     ASSERT_NE(window.connectionsView(), nullptr);
-    EXPECT_EQ(window.height(), PreferencesWindow::kHeight + PreferencesWindow::kConnectionsHeight);
+    EXPECT_EQ(window.height(), PreferencesWindow::kHeight + PreferencesWindow::kAudioRowHeight
+                                   + PreferencesWindow::kConnectionsHeight);
     window.show();
     ASSERT_TRUE(QTest::qWaitForWindowActive(&window));
     window.ccField(3)->setFocus();
     QTest::keyClick(window.ccField(3), Qt::Key_Tab);
     EXPECT_TRUE(window.soundFontButton()->hasFocus()) << "Tab from F4 reaches the sound font button";
     QTest::keyClick(window.soundFontButton(), Qt::Key_Tab);
+    EXPECT_TRUE(window.audioDeviceBox()->hasFocus()) << "then the audio device";
+    QTest::keyClick(window.audioDeviceBox(), Qt::Key_Tab);
     EXPECT_TRUE(window.connectionsView()->list()->hasFocus()) << "then the list";
+    EXPECT_GE(window.connectionsView()->list()->mapTo(&window, QPoint(0, 0)).y(),
+              window.audioDeviceBox()->geometry().bottom()) << "below the audio device";
     const QRect list = window.connectionsView()->list()->geometry();
     EXPECT_GE(list.height(), 100) << "room for several entries";
 
     PreferencesWindow without(*monitor().benderController, settings);
     EXPECT_EQ(without.connectionsView(), nullptr);
-    EXPECT_EQ(without.height(), PreferencesWindow::kHeight);
+    EXPECT_EQ(without.height(), PreferencesWindow::kHeight + PreferencesWindow::kAudioRowHeight);
 }

@@ -7,6 +7,7 @@
 #include <QAccessible>
 #include <QAccessibleValueInterface>
 #include <QApplication>
+#include <QComboBox>
 #include <QDir>
 #include <QFontInfo>
 #include <QLabel>
@@ -16,6 +17,7 @@
 #include <QSignalSpy>
 #include <QTest>
 
+#include <algorithm>
 #include <memory>
 
 using namespace plinkora;
@@ -381,14 +383,14 @@ TEST_F(PreferencesWindowTest, AStoredNumberOutside0To255StopsTheProgramWhenTheWi
     EXPECT_DEATH(window(), "-1 under \"PLK_F2_CC\" in " + file);
 }
 
-TEST_F(PreferencesWindowTest, TheWindowIsTitledPreferencesFixedAt400By450AndClosable)
+TEST_F(PreferencesWindowTest, TheWindowIsTitledPreferencesFixedAt400By484AndClosable)
 {
     PreferencesWindow& w = window();
     EXPECT_EQ(w.windowTitle(), "Preferences");
     EXPECT_TRUE(w.isWindow());
-    EXPECT_EQ(w.size(), QSize(400, 450));
-    EXPECT_EQ(w.minimumSize(), QSize(400, 450));
-    EXPECT_EQ(w.maximumSize(), QSize(400, 450));
+    EXPECT_EQ(w.size(), QSize(400, 484));
+    EXPECT_EQ(w.minimumSize(), QSize(400, 484));
+    EXPECT_EQ(w.maximumSize(), QSize(400, 484));
     EXPECT_TRUE(w.windowFlags() & Qt::WindowCloseButtonHint);
     EXPECT_TRUE(w.windowFlags() & Qt::WindowTitleHint);
     EXPECT_FALSE(w.windowFlags() & Qt::WindowMinimizeButtonHint);
@@ -490,7 +492,7 @@ TEST_F(PreferencesWindowTest, GroupsFieldsAndSlidersAreNamedForScreenReaders)
     EXPECT_EQ(settings.doubleForKey("PitchBendSpeed"), 250.0);
 }
 
-TEST_F(PreferencesWindowTest, TabGoesThroughTheSlidersThenF1ToF4ThenTheSoundFontButton)
+TEST_F(PreferencesWindowTest, TabGoesThroughTheSlidersThenF1ToF4ThenTheSynthesizer)
 {
     // GIVEN the window in front; THEN the first stop has the focus
     showActive();
@@ -499,7 +501,7 @@ TEST_F(PreferencesWindowTest, TabGoesThroughTheSlidersThenF1ToF4ThenTheSoundFont
     // WHEN Tab is pressed over and over THEN the focus goes round in this order
     const std::vector<QWidget*> expected{window().modSpeedSlider(), window().ccField(0), window().ccField(1),
                                          window().ccField(2),       window().ccField(3), window().soundFontButton(),
-                                         window().pitchSpeedSlider()};
+                                         window().audioDeviceBox(), window().pitchSpeedSlider()};
     for (QWidget* next : expected) {
         QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
         EXPECT_EQ(QApplication::focusWidget(), next);
@@ -528,4 +530,42 @@ TEST_F(PreferencesWindowTest, TheSoundFontRowShowsTheStoredFont)
 {
     settings.setString(QStringLiteral("/home/me/Big.sf2"), QStringLiteral("SoundFont"));
     EXPECT_EQ(window().soundFontLabel()->toolTip(), QStringLiteral("/home/me/Big.sf2"));
+}
+
+TEST_F(PreferencesWindowTest, TheAudioDeviceListOffersAutomaticAndFluidSynthsOutputs)
+{
+    QComboBox* box = window().audioDeviceBox();
+    ASSERT_NE(box, nullptr);
+    EXPECT_EQ(box->accessibleName(), QStringLiteral("Audio device"));
+    const auto captions = window().findChildren<QLabel*>();
+    const auto caption = std::find_if(captions.begin(), captions.end(), [box](QLabel* l) { return l->buddy() == box; });
+    ASSERT_NE(caption, captions.end());
+    EXPECT_EQ((*caption)->text(), QStringLiteral("Audio device:"));
+    ASSERT_GE(box->count(), 2);
+    EXPECT_EQ(box->itemText(0), QStringLiteral("Automatic"));
+    EXPECT_EQ(box->itemData(0).toString(), QStringLiteral("auto"));
+    EXPECT_GE(box->findData(QStringLiteral("alsa")), 1);
+    EXPECT_EQ(box->itemText(box->findData(QStringLiteral("alsa"))), QStringLiteral("ALSA"));
+    EXPECT_EQ(box->findData(QStringLiteral("file")), -1); // it writes no sound
+    EXPECT_EQ(box->currentIndex(), 0); // nothing stored: automatic
+    EXPECT_GE(box->geometry().top(), window().soundFontLabel()->geometry().bottom());
+}
+
+TEST_F(PreferencesWindowTest, TheAudioDeviceListShowsTheStoredChoiceAndReportsEveryChoiceMade)
+{
+    settings.setString(QStringLiteral("alsa"), QStringLiteral("AudioDriver"));
+    showActive();
+    QComboBox* box = window().audioDeviceBox();
+    EXPECT_EQ(box->currentData().toString(), QStringLiteral("alsa"));
+    QStringList chosen;
+    QObject::connect(&window(), &PreferencesWindow::audioDriverChosen, [&](const QString& name) { chosen << name; });
+
+    // With the keyboard: Home goes to Automatic; choosing the entry already chosen reports it too
+    // (a device that failed is tried again).
+    box->setFocus();
+    QTest::keyClick(box, Qt::Key_Home);
+    EXPECT_EQ(box->currentData().toString(), QStringLiteral("auto"));
+    box->setCurrentIndex(box->findData(QStringLiteral("alsa")));
+    emit box->activated(box->currentIndex());
+    EXPECT_EQ(chosen, (QStringList{QStringLiteral("auto"), QStringLiteral("alsa")}));
 }
