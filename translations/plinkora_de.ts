@@ -325,5 +325,17 @@
         <source>Sound fonts (*.sf2 *.sf3)</source>
         <translation>Soundfonts (*.sf2 *.sf3)</translation>
     </message>
+    <message>
+        <source>Audio device:</source>
+        <translation>Audiogerät:</translation>
+    </message>
+    <message>
+        <source>Audio device</source>
+        <translation>Audiogerät</translation>
+    </message>
+    <message>
+        <source>Automatic</source>
+        <translation>Automatisch</translation>
+    </message>
 </context>
 </TS>

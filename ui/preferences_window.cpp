@@ -238,15 +238,16 @@ void PreferencesWindow::setupAudioDeviceRow()
 {
     // Below the sound font, in the row added under the design's height.
     constexpr int top = kHeight - 32;
-    QLabel* caption = makeLabel(QStringLiteral("Audio device:"), this, QRect(20, top + 4, 100, 20));
+    QLabel* caption = makeLabel(tr("Audio device:"), this, QRect(20, top + 4, 100, 20));
     audioDeviceBox_ = new QComboBox(this);
     // On Linux Qt names a combo box by its current entry; screen readers say what it is from
     // its "labelled by" relation, which the caption's buddy gives.
     caption->setBuddy(audioDeviceBox_);
     audioDeviceBox_->setGeometry(130, top, 250, 28);
-    audioDeviceBox_->setAccessibleName(QStringLiteral("Audio device"));
+    audioDeviceBox_->setAccessibleName(tr("Audio device"));
     for (const AudioDriverChoice& choice : audioDriverChoices(FluidEngine::availableDrivers()))
-        audioDeviceBox_->addItem(QString::fromStdString(choice.text), QString::fromStdString(choice.name));
+        audioDeviceBox_->addItem(choice.name == kAutomaticAudioDriver ? tr("Automatic") : QString::fromStdString(choice.text),
+                                 QString::fromStdString(choice.name));
     const std::string stored = BuiltInSynth::storedAudioDriver(settings_, FluidEngine::availableDrivers());
     const int index = audioDeviceBox_->findData(QString::fromStdString(stored));
     audioDeviceBox_->setCurrentIndex(index >= 0 ? index : 0);

@@ -204,7 +204,7 @@ TEST_F(BuiltInSynthTest, AFailedAudioOutputSaysOneLineAndChoosingAnotherTriesAga
     EXPECT_EQ(synth.audioDriver(), "jack");
     EXPECT_EQ(settings.stringForKey(QStringLiteral("AudioDriver")), QStringLiteral("jack")); // remembered
     std::vector<QString> announced;
-    synth.setAnnounce([&](const QString& text) { announced.push_back(text); });
+    synth.setAnnounce([&](const UserText& text) { announced.push_back(text.shown); });
     synth.start();
     ASSERT_TRUE(waitFor([&] { return !announced.empty(); }));
     EXPECT_EQ(announced, std::vector<QString>{QStringLiteral("Audio output failed: jack: no JACK server is running")});
@@ -229,7 +229,7 @@ TEST_F(BuiltInSynthTest, ChoosingAnotherAudioOutputWhilePlayingClosesTheOneInUse
     qputenv("JACK_DEFAULT_SERVER", QByteArray("plinkora-none-") + QByteArray::number(QCoreApplication::applicationPid()));
     BuiltInSynth synth(settings, fileOutput());
     std::vector<QString> announced;
-    synth.setAnnounce([&](const QString& text) { announced.push_back(text); });
+    synth.setAnnounce([&](const UserText& text) { announced.push_back(text.shown); });
     int changes = 0;
     synth.setChangeCallback([&] { ++changes; });
     synth.start();
@@ -250,7 +250,7 @@ TEST_F(BuiltInSynthTest, AnAudioOutputChosenWhileTheFontLoadsIsTheOneOpened)
     options.engine.drivers = {"no-such-output"};
     BuiltInSynth synth(settings, options);
     std::vector<QString> announced;
-    synth.setAnnounce([&](const QString& text) { announced.push_back(text); });
+    synth.setAnnounce([&](const UserText& text) { announced.push_back(text.shown); });
     synth.start();
     synth.setAudioDriver("file"); // the worker tried the old one
     ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
