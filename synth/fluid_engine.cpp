@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <mutex>
 
+#include <malloc.h>
 #include <unistd.h>
 
 namespace plinkora {
@@ -223,6 +224,8 @@ void FluidEngine::load(const std::string& soundFont)
         }
         outcome.driverName = openFirstDriver(*instance, drivers, outcome.problem);
         outcome.instance = std::move(instance);
+        // Reading the font leaves about 2 MiB freed but still resident in this thread's heap.
+        malloc_trim(0);
     });
 }
 
