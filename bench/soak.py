@@ -12,7 +12,15 @@ counted, the bend centre and modulation 0. Printed: events sent, the rate reache
 expected and received, the first difference if any, whether the program ran to the end and
 quit cleanly, and its resident memory after the warm-up and at the end.
 
-Exits non-zero when a message is missing or extra or the program crashed; memory is a figure.
+A second receiver, started with --times, gives each message the time of the JACK cycle that
+brought it, and the times of the xruns it heard and of the cycles it was not run in; the program,
+run with PLINKORA_MIDI_TALLY, prints how many messages its JACK port took; the JACK server's log
+names the clients that were late. Each missing or extra message is listed
+with its time and the xruns near it: a message lost within two periods of an xrun, while the
+program handed every message to its port, was lost by JACK in that xrun and is counted apart.
+
+Exits non-zero when a message is missing or extra other than so, or the program crashed; memory
+is a figure.
 
 Usage: /usr/bin/python3 bench/soak.py [--events 100000] [--rate 200] [--seed 1]
 Paths: PLINKORA_BIN, PLINKORA_RECEIVER (default build/bin/plinkora, build/bin/jack_midi_receiver).
@@ -67,11 +75,14 @@ def key_sequence(count, seed):
     return events
 
 
-def expected_messages(events):
-    """What the key handling and the MIDI output send for `events`, then at the shut-down."""
+def expected_messages(events, origins=False):
+    """What the key handling and the MIDI output send for `events`, then at the shut-down; with
+    `origins`, for each of those messages the index of the key event that sends it (None for
+    the shut-down's)."""
     octave, velocity, held, sounding, sustain = 4, 100, set(), set(), False
-    out = []
-    for press, code in events:
+    out, origin = [], []
+    for index, (press, code) in enumerate(events):
+        origin += [index - 1] * (len(out) - len(origin))
         if code == SHIFT:
             if press != sustain:
                 sustain = press
@@ -95,9 +106,11 @@ def expected_messages(events):
             held.discard(code)
             sounding.discard(note)
             out.append([0x80, note, 0])
+    origin += [len(events) - 1] * (len(out) - len(origin))
     out += [[0x80, note, 0] for note in sorted(sounding)]
     out += [[0xE0, 0x00, 0x40], [0xB0, 1, 0]]
-    return out
+    origin += [None] * (len(out) - len(origin))
+    return origin if origins else out
 
 
 def resident_kib(pid):
@@ -122,6 +135,62 @@ def wait_for_count(desktop, count, quiet_seconds=10.0):
         time.sleep(0.5)
 
 
+PERIOD_US = 256 * 1_000_000 // 48_000  # the private JACK server's period (tests/e2e/desktop.py)
+XRUN_LINE = re.compile(r"^jack_midi_receiver: xrun at (\d+)$")
+MISSED_LINE = re.compile(r"^jack_midi_receiver: cycle missed at (\d+) \((\d+) frames\)$")
+TALLY_LINE = re.compile(r"^MIDI tally: (\d+) messages handed to the port, (\d+) refused$")
+LATE_CLIENT = re.compile(r"XRun: client = (\S+) was not finished")
+
+
+def timed_messages(receiver):
+    """(bytes, time in µs) of each message a receiver started with --times printed."""
+    out = []
+    for line in receiver.snapshot():
+        m = re.fullmatch(r"([0-9A-F]{2}(?: [0-9A-F]{2})*) @(-?\d+)", line)
+        if m:
+            out.append(([int(b, 16) for b in m.group(1).split()], int(m.group(2))))
+    return out
+
+
+def align(want, got, lookahead=64):
+    """Matches each received message to the next expected one equal to it (messages are lost,
+    not reordered): (missing want indices, extra got indices, got index of each matched want
+    index). A received message with no equal among the next `lookahead` expected is extra."""
+    missing, extra, matched = [], [], {}
+    i = 0
+    for j, message in enumerate(got):
+        k = next((k for k in range(i, min(i + lookahead, len(want))) if want[k] == message), None)
+        if k is None:
+            extra.append(j)
+            continue
+        missing += range(i, k)
+        matched[k] = j
+        i = k + 1
+    missing += range(i, len(want))
+    return missing, extra, matched
+
+
+def share_covered(times, reach, start, end):
+    """The share of [start, end] lying within `reach` of one of `times`."""
+    covered, last = 0, start
+    for t in sorted(times):
+        a, b = max(t - reach, last), min(t + reach, end)
+        if b > a:
+            covered += b - a
+            last = b
+    return covered / (end - start) if end > start else 0.0
+
+
+def nearest(times, start, end):
+    """The time in `times` closest to the interval [start, end], and its distance (0 inside)."""
+    best = None
+    for t in times:
+        distance = 0 if start <= t <= end else min(abs(t - start), abs(t - end))
+        if best is None or distance < best[1]:
+            best = (t, distance)
+    return best
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--events", type=int, default=100_000)
@@ -131,10 +200,16 @@ def main():
     os.environ.setdefault("PLINKORA_BIN", os.path.join(ROOT, "build", "bin", "plinkora"))
     os.environ.setdefault("PLINKORA_RECEIVER", os.path.join(ROOT, "build", "bin", "jack_midi_receiver"))
 
+    os.environ["PLINKORA_MIDI_TALLY"] = "1"
     events = key_sequence(args.events, args.seed)
     expected_keys_only = expected_messages(events)[:-2]
+    sent_at = [0] * len(events)
     with Desktop() as desktop:
+        timed = desktop._spawn("timed receiver", [os.environ["PLINKORA_RECEIVER"], "--client", f"rxt{os.getpid()}",
+                                                  "--connect", "PLK:PLK", "--times"])
+        timed.wait_for_line(r"^ready ")
         plinkora = desktop.start_plinkora()
+        timed.wait_for_line(r"^connected PLK:PLK$")
         display = Display(desktop.env["DISPLAY"])
         display.change_keyboard_control(auto_repeat_mode=X.AutoRepeatModeOff)
         display.sync()
@@ -149,6 +224,7 @@ def main():
                 time.sleep(delay)
             xtest.fake_input(display, X.KeyPress if press else X.KeyRelease, code)
             display.flush()
+            sent_at[i] = time.monotonic_ns() // 1000
             if not plinkora.running():
                 break
         display.sync()
@@ -158,9 +234,19 @@ def main():
         rss_end = resident_kib(plinkora.pid) if still_running else None
         exit_code = plinkora.stop(sig=signal.SIGTERM, timeout=30)
         wait_for_count(desktop, len(expected_keys_only) + 2, quiet_seconds=3)
+        time.sleep(1)
         got = received(desktop)
+        got_timed = timed_messages(timed)
         key_lines = sum(1 for line in plinkora.snapshot() if re.match(r"Key event received: type=1[012] ", line))
         xruns = sum(1 for line in desktop.receiver.stderr_lines if line.endswith(": xrun"))
+        timed_xruns = [int(m.group(1)) for m in map(XRUN_LINE.match, list(timed.stderr_lines)) if m]
+        missed_cycles = [int(m.group(1)) for m in map(MISSED_LINE.match, list(timed.stderr_lines)) if m]
+        tally = next((m for m in map(TALLY_LINE.match, list(plinkora.stderr_lines)) if m), None)
+        late_clients = {}
+        for line in desktop.jackd.lines + desktop.jackd.stderr_lines:
+            m = LATE_CLIENT.search(line)
+            if m:
+                late_clients[m.group(1)] = late_clients.get(m.group(1), 0) + 1
         display.close()
 
     want = expected_messages(events)
@@ -175,12 +261,58 @@ def main():
     # The program prints a line for every key press and release it is given, Return included.
     print(f"key presses and releases the program was given: {key_lines} (sent {len(events)}, and Return pressed and released at the start)")
     print(f"xruns JACK reported to the receiver (an xrun can drop MIDI events): {xruns}")
+    handed = int(tally.group(1)) if tally else None
+    if tally:
+        print(f"the program's JACK port took {handed} messages (expected {len(want)}), refused {tally.group(2)}")
+    else:
+        print("the program printed no MIDI tally")
+    print(f"second receiver (timed): {len(got_timed)} messages, {len(timed_xruns)} xruns heard, "
+          f"{len(missed_cycles)} cycles it was not run in")
+    print("clients JACK found late in an xrun: " + (", ".join(f"{k} {v} times" for k, v in sorted(late_clients.items()))
+                                                     or "none named"))
+    # Each difference at either receiver, with the xruns near the time it should have arrived:
+    # between the timed receiver's neighbouring messages (the message itself when it got it).
+    origin_of = expected_messages(events, origins=True)
+    want_keys = [tuple(m) for m in want]
+    _, _, timed_matched = align(want_keys, [tuple(m) for m, _ in got_timed])
+    timed_at = sorted((i, got_timed[j][1]) for i, j in timed_matched.items())
+    evidence = {"xrun": timed_xruns, "cycle the timed receiver missed": missed_cycles}
+    unexplained = 0
+    lost = {}
+    for name, stream in (("receiver", [tuple(m) for m in got]), ("timed receiver", [tuple(m) for m, _ in got_timed])):
+        missing, extra, _ = align(want_keys, stream)
+        unexplained += len(extra)
+        lost[name] = set(missing)
+        for index in missing:
+            start = next((t for i, t in reversed(timed_at) if i <= index), None)
+            end = next((t for i, t in timed_at if i >= index), None)
+            start, end = start if start is not None else end, end if end is not None else start
+            near = {kind: nearest(times, start, end) for kind, times in evidence.items() if times and start is not None}
+            in_xrun = handed == len(want) and any(d <= 2 * PERIOD_US for _, d in near.values())
+            unexplained += not in_xrun
+            event = origin_of[index]
+            print(f"{name}: missing message {index} {want[index]} "
+                  f"({f'key event {event} sent at {sent_at[event]} µs' if event is not None else 'at the shut-down'}); "
+                  f"due between {start} and {end} µs; "
+                  + "; ".join(f"nearest {kind} at {t} ({d} µs away)" for kind, (t, d) in near.items())
+                  + (" -> lost in an xrun" if in_xrun else " -> NOT explained by an xrun"))
+        for j in extra:
+            print(f"{name}: extra message {list(stream[j])} (received message {j})")
+    if lost["receiver"] or lost["timed receiver"]:
+        print(f"lost at both receivers: {len(lost['receiver'] & lost['timed receiver'])}, "
+              f"at one only: {len(lost['receiver'] ^ lost['timed receiver'])}")
+        if timed_at:
+            # What chance alone would give: the share of the run within two periods of an xrun.
+            share = share_covered(timed_xruns + missed_cycles, 2 * PERIOD_US, timed_at[0][1], timed_at[-1][1])
+            print(f"the run's time within two periods of an xrun or a missed cycle: {100 * share:.2f} %")
     print(f"ran to the end: {'yes' if still_running else 'no'}; exit code at SIGTERM: {exit_code}")
     if rss_start is not None and rss_end is not None:
         print(f"resident memory: {rss_start} KiB after {warm_up} events, {rss_end} KiB at the end, "
               f"growth {rss_end - rss_start} KiB ({'under' if rss_end - rss_start < 1024 else 'NOT under'} 1 MiB)")
-    ok = still_running and exit_code == 0 and first_difference is None
-    print("soak: " + ("no message missing or extra" if ok else "FAILED"))
+    clean = first_difference is None and not lost["timed receiver"] and len(got_timed) == len(want)
+    ok = still_running and exit_code == 0 and unexplained == 0
+    print("soak: " + ("FAILED" if not ok else "no message missing or extra" if clean
+                      else "messages lost by JACK in xruns (listed above), none by the program"))
     return 0 if ok else 1
 
 
