@@ -12,12 +12,13 @@ counted, the bend centre and modulation 0. Printed: events sent, the rate reache
 expected and received, the first difference if any, whether the program ran to the end and
 quit cleanly, and its resident memory after the warm-up and at the end.
 
-A second receiver, started with --times, gives each message the time of the JACK cycle that
-brought it, and the times of the xruns it heard and of the cycles it was not run in; the program,
-run with PLINKORA_MIDI_TALLY, prints how many messages its JACK port took; the JACK server's log
-names the clients that were late. Each missing or extra message is listed
-with its time and the xruns near it: a message lost within two periods of an xrun, while the
-program handed every message to its port, was lost by JACK in that xrun and is counted apart.
+Two more receivers, started with --times, give each message the time of the JACK cycle that
+brought it, and the times of the xruns they heard and of the cycles they were not run in; the
+program, run with PLINKORA_MIDI_TALLY, prints how many messages its JACK port took; the JACK
+server's log names the clients that were late. Each message missing at a timed receiver is
+listed with the time it was due and the xruns near it: one lost within two periods of an xrun
+or in a cycle that receiver was not run in, while the program was given every key event and its
+port took every message, was lost by JACK in that xrun and is counted apart.
 
 Exits non-zero when a message is missing or extra other than so, or the program crashed; memory
 is a figure.
@@ -205,11 +206,14 @@ def main():
     expected_keys_only = expected_messages(events)[:-2]
     sent_at = [0] * len(events)
     with Desktop() as desktop:
-        timed = desktop._spawn("timed receiver", [os.environ["PLINKORA_RECEIVER"], "--client", f"rxt{os.getpid()}",
-                                                  "--connect", "PLK:PLK", "--times"])
-        timed.wait_for_line(r"^ready ")
+        timed = {}
+        for name in ("A", "B"):
+            timed[name] = desktop._spawn(f"timed receiver {name}", [
+                os.environ["PLINKORA_RECEIVER"], "--client", f"rx{name}{os.getpid()}", "--connect", "PLK:PLK", "--times"])
+            timed[name].wait_for_line(r"^ready ")
         plinkora = desktop.start_plinkora()
-        timed.wait_for_line(r"^connected PLK:PLK$")
+        for receiver in timed.values():
+            receiver.wait_for_line(r"^connected PLK:PLK$")
         display = Display(desktop.env["DISPLAY"])
         display.change_keyboard_control(auto_repeat_mode=X.AutoRepeatModeOff)
         display.sync()
@@ -236,11 +240,15 @@ def main():
         wait_for_count(desktop, len(expected_keys_only) + 2, quiet_seconds=3)
         time.sleep(1)
         got = received(desktop)
-        got_timed = timed_messages(timed)
+        streams = {name: timed_messages(receiver) for name, receiver in timed.items()}
         key_lines = sum(1 for line in plinkora.snapshot() if re.match(r"Key event received: type=1[012] ", line))
         xruns = sum(1 for line in desktop.receiver.stderr_lines if line.endswith(": xrun"))
-        timed_xruns = [int(m.group(1)) for m in map(XRUN_LINE.match, list(timed.stderr_lines)) if m]
-        missed_cycles = [int(m.group(1)) for m in map(MISSED_LINE.match, list(timed.stderr_lines)) if m]
+        xrun_times = [int(m.group(1)) for m in map(XRUN_LINE.match, list(timed["A"].stderr_lines)) if m]
+        # A cycle a receiver was not run in: from the start of the first cycle missed to the
+        # start of the cycle it was run in again.
+        missed = {name: [(int(m.group(1)) - int(m.group(2)) * 1_000_000 // 48_000 - PERIOD_US, int(m.group(1)))
+                         for m in map(MISSED_LINE.match, list(receiver.stderr_lines)) if m]
+                  for name, receiver in timed.items()}
         tally = next((m for m in map(TALLY_LINE.match, list(plinkora.stderr_lines)) if m), None)
         late_clients = {}
         for line in desktop.jackd.lines + desktop.jackd.stderr_lines:
@@ -266,55 +274,57 @@ def main():
         print(f"the program's JACK port took {handed} messages (expected {len(want)}), refused {tally.group(2)}")
     else:
         print("the program printed no MIDI tally")
-    print(f"second receiver (timed): {len(got_timed)} messages, {len(timed_xruns)} xruns heard, "
-          f"{len(missed_cycles)} cycles it was not run in")
     print("clients JACK found late in an xrun: " + (", ".join(f"{k} {v} times" for k, v in sorted(late_clients.items()))
                                                      or "none named"))
-    # Each difference at either receiver, with the xruns near the time it should have arrived:
-    # between the timed receiver's neighbouring messages (the message itself when it got it).
+
+    # The timed receivers: each missing message with the time it was due (between the
+    # messages received before and after it) and the xruns and missed cycles near that.
     origin_of = expected_messages(events, origins=True)
     want_keys = [tuple(m) for m in want]
-    _, _, timed_matched = align(want_keys, [tuple(m) for m, _ in got_timed])
-    timed_at = sorted((i, got_timed[j][1]) for i, j in timed_matched.items())
-    evidence = {"xrun": timed_xruns, "cycle the timed receiver missed": missed_cycles}
-    unexplained = 0
-    lost = {}
-    for name, stream in (("receiver", [tuple(m) for m in got]), ("timed receiver", [tuple(m) for m, _ in got_timed])):
-        missing, extra, _ = align(want_keys, stream)
+    unexplained, lost, in_xrun = 0, {}, 0
+    for name, stream in streams.items():
+        missing, extra, matched = align(want_keys, [tuple(m) for m, _ in stream])
+        at = sorted((i, stream[j][1]) for i, j in matched.items())
+        print(f"timed receiver {name}: {len(stream)} messages, {len(missing)} missing, {len(extra)} extra; "
+              f"{len(missed[name])} times not run in a cycle")
         unexplained += len(extra)
         lost[name] = set(missing)
         for index in missing:
-            start = next((t for i, t in reversed(timed_at) if i <= index), None)
-            end = next((t for i, t in timed_at if i >= index), None)
+            start = next((t for i, t in reversed(at) if i < index), None)
+            end = next((t for i, t in at if i > index), None)
             start, end = start if start is not None else end, end if end is not None else start
-            near = {kind: nearest(times, start, end) for kind, times in evidence.items() if times and start is not None}
-            in_xrun = handed == len(want) and any(d <= 2 * PERIOD_US for _, d in near.values())
-            unexplained += not in_xrun
+            lo, hi = start - 2 * PERIOD_US, end + 2 * PERIOD_US
+            near_xrun = nearest(xrun_times, start, end) if xrun_times else None
+            gaps = [(a, b) for a, b in missed[name] if a <= hi and b >= lo]
+            explained = handed == len(want) and (bool(gaps) or (near_xrun is not None and near_xrun[1] <= 2 * PERIOD_US))
+            in_xrun += explained
+            unexplained += not explained
             event = origin_of[index]
-            print(f"{name}: missing message {index} {want[index]} "
-                  f"({f'key event {event} sent at {sent_at[event]} µs' if event is not None else 'at the shut-down'}); "
+            print(f"  {name}: missing message {index} {want[index]} "
+                  f"({f'key event {event} sent at {sent_at[event]} µs' if event is not None else 'at the shut-down'}), "
                   f"due between {start} and {end} µs; "
-                  + "; ".join(f"nearest {kind} at {t} ({d} µs away)" for kind, (t, d) in near.items())
-                  + (" -> lost in an xrun" if in_xrun else " -> NOT explained by an xrun"))
+                  + (f"nearest xrun heard at {near_xrun[0]} ({near_xrun[1]} µs away)" if near_xrun else "no xrun")
+                  + "".join(f"; not run from {a} to {b}" for a, b in gaps)
+                  + (" -> lost in an xrun" if explained else " -> NOT explained by an xrun"))
         for j in extra:
-            print(f"{name}: extra message {list(stream[j])} (received message {j})")
-    if lost["receiver"] or lost["timed receiver"]:
-        print(f"lost at both receivers: {len(lost['receiver'] & lost['timed receiver'])}, "
-              f"at one only: {len(lost['receiver'] ^ lost['timed receiver'])}")
-        if timed_at:
+            print(f"  {name}: extra message {list(stream[j][0])} at {stream[j][1]} µs (received message {j})")
+    if any(lost.values()):
+        print(f"lost at both timed receivers: {len(lost['A'] & lost['B'])}, at one only: {len(lost['A'] ^ lost['B'])}; "
+              f"lost within two periods of an xrun or in a cycle the receiver was not run in: {in_xrun}")
+        times = [t for _, t in streams["A"]]
+        if times:
             # What chance alone would give: the share of the run within two periods of an xrun.
-            share = share_covered(timed_xruns + missed_cycles, 2 * PERIOD_US, timed_at[0][1], timed_at[-1][1])
-            print(f"the run's time within two periods of an xrun or a missed cycle: {100 * share:.2f} %")
+            share = share_covered(xrun_times, 2 * PERIOD_US, times[0], times[-1])
+            print(f"share of the run within two periods of an xrun heard: {100 * share:.2f} %")
     print(f"ran to the end: {'yes' if still_running else 'no'}; exit code at SIGTERM: {exit_code}")
     if rss_start is not None and rss_end is not None:
         print(f"resident memory: {rss_start} KiB after {warm_up} events, {rss_end} KiB at the end, "
               f"growth {rss_end - rss_start} KiB ({'under' if rss_end - rss_start < 1024 else 'NOT under'} 1 MiB)")
-    clean = first_difference is None and not lost["timed receiver"] and len(got_timed) == len(want)
-    ok = still_running and exit_code == 0 and unexplained == 0
+    clean = first_difference is None and not any(lost.values())
+    ok = still_running and exit_code == 0 and unexplained == 0 and key_lines == len(events) + 2
     print("soak: " + ("FAILED" if not ok else "no message missing or extra" if clean
                       else "messages lost by JACK in xruns (listed above), none by the program"))
     return 0 if ok else 1
-
 
 if __name__ == "__main__":
     sys.exit(main())

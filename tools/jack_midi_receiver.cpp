@@ -123,8 +123,10 @@ std::int64_t cycleStart(jack_nframes_t frames)
     const std::int64_t now = monotonicMicroseconds();
     const std::int64_t startTime = now - static_cast<std::int64_t>(jack_frames_since_cycle_start(g_shared.client))
                                              * 1'000'000 / jack_get_sample_rate(g_shared.client);
-    if (g_shared.cycleSeen && start - g_shared.lastCycleStart != frames) {
-        const std::uint32_t gap = start - g_shared.lastCycleStart - frames;
+    // The frame counter wraps; a step shorter than a period (JACK moving its clock) is no gap.
+    const auto step = static_cast<std::int32_t>(start - g_shared.lastCycleStart);
+    if (g_shared.cycleSeen && step > static_cast<std::int32_t>(frames)) {
+        const auto gap = static_cast<std::uint32_t>(step) - frames;
         if (jack_ringbuffer_write_space(g_shared.missedCycles) >= sizeof startTime + sizeof gap) {
             jack_ringbuffer_write(g_shared.missedCycles, reinterpret_cast<const char*>(&startTime), sizeof startTime);
             jack_ringbuffer_write(g_shared.missedCycles, reinterpret_cast<const char*>(&gap), sizeof gap);
