@@ -28,6 +28,7 @@ Paths: PLINKORA_BIN, PLINKORA_RECEIVER (default build/bin/plinkora, build/bin/ja
 """
 
 import argparse
+import bisect
 import os
 import random
 import re
@@ -153,14 +154,21 @@ def timed_messages(receiver):
     return out
 
 
-def align(want, got, lookahead=64):
+def align(want, got, lookahead=64, confirm=4, reach=50_000):
     """Matches each received message to the next expected one equal to it (messages are lost,
     not reordered): (missing want indices, extra got indices, got index of each matched want
-    index). A received message with no equal among the next `lookahead` expected is extra."""
+    index). A match is one where the next `confirm` messages agree too, searched among the next
+    `lookahead` expected, then (a long run lost) among the next `reach` with twice as many
+    agreeing; a received message matched by neither is extra."""
     missing, extra, matched = [], [], {}
     i = 0
-    for j, message in enumerate(got):
-        k = next((k for k in range(i, min(i + lookahead, len(want))) if want[k] == message), None)
+    for j in range(len(got)):
+        k = None
+        for length, limit in ((confirm, lookahead), (2 * confirm, reach), (1, lookahead)):
+            probe = got[j:j + length]
+            k = next((k for k in range(i, min(i + limit, len(want))) if want[k:k + len(probe)] == probe), None)
+            if k is not None:
+                break
         if k is None:
             extra.append(j)
             continue
@@ -285,13 +293,15 @@ def main():
     for name, stream in streams.items():
         missing, extra, matched = align(want_keys, [tuple(m) for m, _ in stream])
         at = sorted((i, stream[j][1]) for i, j in matched.items())
+        at_index = [i for i, _ in at]
         print(f"timed receiver {name}: {len(stream)} messages, {len(missing)} missing, {len(extra)} extra; "
               f"{len(missed[name])} times not run in a cycle")
         unexplained += len(extra)
         lost[name] = set(missing)
         for index in missing:
-            start = next((t for i, t in reversed(at) if i < index), None)
-            end = next((t for i, t in at if i > index), None)
+            place = bisect.bisect_left(at_index, index)  # the message is not among them
+            start = at[place - 1][1] if place > 0 else None
+            end = at[place][1] if place < len(at) else None
             start, end = start if start is not None else end, end if end is not None else start
             lo, hi = start - 2 * PERIOD_US, end + 2 * PERIOD_US
             near_xrun = nearest(xrun_times, start, end) if xrun_times else None
