@@ -176,6 +176,18 @@ def align(want, got, lookahead=64, confirm=4, reach=50_000):
         matched[k] = j
         i = k + 1
     missing += range(i, len(want))
+    if extra:
+        # Perhaps only lost ones after all: each received message taken as the first equal
+        # expected one finds a place for every one of them whenever that is possible.
+        i, greedy = 0, {}
+        for j, message in enumerate(got):
+            while i < len(want) and want[i] != message:
+                i += 1
+            if i == len(want):
+                return missing, extra, matched
+            greedy[i] = j
+            i += 1
+        return [k for k in range(len(want)) if k not in greedy], [], greedy
     return missing, extra, matched
 
 
