@@ -18,7 +18,8 @@ program, run with PLINKORA_MIDI_TALLY, prints how many messages its JACK port to
 server's log names the clients that were late. Each message missing at a timed receiver is
 listed with the time it was due and the xruns near it: one lost within two periods of an xrun
 or in a cycle that receiver was not run in, while the program was given every key event and its
-port took every message, was lost by JACK in that xrun and is counted apart.
+port took every message, was lost by JACK in that xrun and is counted apart; so is a message
+received twice there (JACK handing the receiver a late client's port again).
 
 Exits non-zero when a message is missing or extra other than so, or the program crashed; memory
 is a figure.
@@ -343,6 +344,10 @@ def main():
                   + (f"; nearest xrun heard at {near_xrun[0]} ({near_xrun[1]} µs away)" if near_xrun else "")
                   + "".join(f"; not run from {a} to {b}" for a, b in gaps)
                   + (" -> delivered twice in an xrun" if explained else " -> NOT explained by an xrun"))
+    if first_difference is not None and not any(lost.values()) and len(got) < len(want):
+        late = next((v for k, v in late_clients.items() if k.startswith("rx") and k[2:].isdigit()), 0)
+        print(f"receiver: {len(want) - len(got)} missing while both timed receivers, reading the same port, "
+              f"got every message; JACK found it late {late} times")
     if any(lost.values()):
         print(f"lost at both timed receivers: {len(lost['A'] & lost['B'])}, at one only: {len(lost['A'] ^ lost['B'])}; "
               f"lost or received twice within two periods of an xrun or of a cycle the receiver was not run in: {in_xrun}")
