@@ -123,14 +123,13 @@ void KeyEventFilter::install()
 {
     if (!monitor_ || !QCoreApplication::instance())
         return;
-    // Under X11 a held key then repeats without synthetic releases (see x11_key_repeat.h);
-    // the releases Qt does flag as auto-repeat are still dropped below.
+    // Under X11 a held key then repeats without synthetic releases (see x11_key_repeat.h).
     static const bool detectableAutoRepeat = [] {
         const bool on = enableDetectableAutoRepeat();
         qCDebug(lcKeys) << "detectable auto-repeat:" << on;
         return on;
     }();
-    (void)detectableAutoRepeat;
+    repeatsWithoutReleases_ = detectableAutoRepeat;
     QCoreApplication::instance()->installEventFilter(this);
     installed_ = true;
 }
@@ -233,7 +232,7 @@ bool KeyEventFilter::act(const QKeyEvent& event)
     if (code == kNoKeyCode)
         code = modifierPositionOfQtKey(event.key());
 
-    if (!press && event.isAutoRepeat()) {
+    if (!press && event.isAutoRepeat() && !repeatsWithoutReleases_) {
         // X11 puts a release before every repeated press; it is not a real release. It goes
         // where the press before it went.
         return code == lastDownCode_ && lastDownSwallowed_;

@@ -25,8 +25,8 @@ class KeyboardMonitor;
 /// Qt delivers one key event to the window and then again to the focus widget (and to its
 /// parents when the widget ignores it); the monitor sees the first delivery only, and every
 /// later delivery of the same event gets the same answer. X11's synthetic auto-repeat releases
-/// never reach the monitor (the X server is asked not to send them, and those Qt flags as
-/// auto-repeat are dropped); auto-repeated presses arrive as key-downs. How the filter stands
+/// never reach the monitor (the X server is asked not to send them; where it does send them,
+/// those Qt flags as auto-repeat are dropped); auto-repeated presses arrive as key-downs. How the filter stands
 /// with the accessibility bridge's own key filter is explained in the .cpp.
 class KeyEventFilter final : public QObject, private QAccessible::ActivationObserver
 {
@@ -43,7 +43,13 @@ public:
     KeyEventFilter& operator=(const KeyEventFilter&) = delete;
 
     /// Installs the filter on the application, in front of every filter installed before.
+    /// Under X11 it asks the server to repeat held keys without releases (see x11_key_repeat.h).
     void install();
+    /// Whether held keys repeat with presses only (set by install()). Then every release is a
+    /// real one, also one Qt flags as auto-repeat: Qt guesses that from a press of the same key
+    /// close behind it, which a key struck again quickly gives too (on a busy machine, when both
+    /// wait in the queue). Otherwise releases flagged as auto-repeat are dropped.
+    void setRepeatsWithoutReleases(bool on) { repeatsWithoutReleases_ = on; }
     /// Removes the filter from the application and lets go of the monitor: from now on no key
     /// event reaches it. Nothing happens when the filter is not installed.
     void remove();
@@ -123,6 +129,7 @@ private:
     // The last key-down handed to the monitor, for the auto-repeat releases that follow it.
     KeyCode lastDownCode_ = kNoKeyCode;
     bool lastDownSwallowed_ = false;
+    bool repeatsWithoutReleases_ = false;
 
     bool moveToFrontScheduled_ = false;
     bool observingAccessibility_ = false;

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <mutex>
 
+#include <malloc.h>
 #include <unistd.h>
 
 namespace plinkora {
@@ -237,6 +238,8 @@ void FluidEngine::load(const std::string& soundFont)
         outcome.driverName = openFirstDriver(*instance, drivers, outcome.problem);
         outcome.drivers = drivers;
         outcome.instance = std::move(instance);
+        // Reading the font leaves about 2 MiB freed but still resident in this thread's heap.
+        malloc_trim(0);
     });
 }
 

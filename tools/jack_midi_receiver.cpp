@@ -2,7 +2,7 @@
 // it receives. Tests start it next to Plinkora to see the exact bytes Plinkora publishes.
 //
 // Usage:
-//   jack_midi_receiver [--server NAME] [--connect SOURCE]... [--client NAME]
+//   jack_midi_receiver [--server NAME] [--connect SOURCE]... [--client NAME] [--times]
 //
 // Options:
 //   --server NAME     The JACK server to use. Default: $JACK_DEFAULT_SERVER, else JACK's default
@@ -15,6 +15,12 @@
 //                     JACK 2 keys a client's socket by its name and user only, not by server:
 //                     clients of one name opening at once on two servers on one machine disturb
 //                     each other, so parallel test runs should not share client names.
+//   --times           Adds times, in microseconds of CLOCK_MONOTONIC: each event line ends in
+//                     " @TIME", the start of the JACK cycle that brought it; the xrun line becomes
+//                     "jack_midi_receiver: xrun at TIME" (when the tool heard of it); a cycle the
+//                     tool did not run in gives "jack_midi_receiver: cycle missed at TIME" (the
+//                     start of the cycle after the gap, FRAMES frames later than expected: "...
+//                     (FRAMES frames)").
 //   --help            Prints this usage on standard output and exits with 0.
 //
 // Standard output: one line per item, flushed at once, in the order things happened:
@@ -73,6 +79,10 @@ struct Source
 
 struct Shared
 {
+    jack_client_t* client = nullptr;
+    bool times = false;
+    jack_nframes_t lastCycleStart = 0; // the process callback's own
+    bool cycleSeen = false;
     jack_port_t* input = nullptr;
     jack_ringbuffer_t* ring = nullptr;
     sem_t wake{};
@@ -81,7 +91,20 @@ struct Shared
     std::atomic<bool> portsChanged{true};
     std::atomic<bool> serverGone{false};
     std::atomic<std::uint64_t> xruns{0};
+    // With --times: when the xruns were heard (written by JACK's notification thread) and the
+    // cycles this client missed (by the process callback), for the main thread to print.
+    jack_ringbuffer_t* xrunTimes = nullptr;  // int64 times
+    jack_ringbuffer_t* missedCycles = nullptr; // [int64 time][uint32 frames]
 };
+
+// JACK's clock is CLOCK_MONOTONIC on Linux; read it directly so that the times compare with
+// other programs' whatever JACK uses.
+std::int64_t monotonicMicroseconds()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * 1'000'000 + now.tv_nsec / 1000;
+}
 
 Shared g_shared;
 volatile std::sig_atomic_t g_stop = 0;
@@ -92,10 +115,34 @@ void onSignal(int)
     sem_post(&g_shared.wake); // async-signal-safe
 }
 
-// JACK's real-time thread: copy each event as [uint32 size][bytes] into the ring buffer.
+// With --times: the start of this cycle in CLOCK_MONOTONIC microseconds, and a note of the
+// cycles this client was not run in (the frame count jumped by more than one period).
+std::int64_t cycleStart(jack_nframes_t frames)
+{
+    const jack_nframes_t start = jack_last_frame_time(g_shared.client);
+    const std::int64_t now = monotonicMicroseconds();
+    const std::int64_t startTime = now - static_cast<std::int64_t>(jack_frames_since_cycle_start(g_shared.client))
+                                             * 1'000'000 / jack_get_sample_rate(g_shared.client);
+    // The frame counter wraps; a step shorter than a period (JACK moving its clock) is no gap.
+    const auto step = static_cast<std::int32_t>(start - g_shared.lastCycleStart);
+    if (g_shared.cycleSeen && step > static_cast<std::int32_t>(frames)) {
+        const auto gap = static_cast<std::uint32_t>(step) - frames;
+        if (jack_ringbuffer_write_space(g_shared.missedCycles) >= sizeof startTime + sizeof gap) {
+            jack_ringbuffer_write(g_shared.missedCycles, reinterpret_cast<const char*>(&startTime), sizeof startTime);
+            jack_ringbuffer_write(g_shared.missedCycles, reinterpret_cast<const char*>(&gap), sizeof gap);
+        }
+        sem_post(&g_shared.wake);
+    }
+    g_shared.cycleSeen = true;
+    g_shared.lastCycleStart = start;
+    return startTime;
+}
+
+// JACK's real-time thread: copy each event as [uint32 size][int64 time][bytes] into the ring buffer.
 int process(jack_nframes_t frames, void*)
 {
     void* buffer = jack_port_get_buffer(g_shared.input, frames);
+    const std::int64_t time = g_shared.times ? cycleStart(frames) : 0;
     const std::uint32_t count = jack_midi_get_event_count(buffer);
     bool wrote = false;
     for (std::uint32_t i = 0; i < count; ++i) {
@@ -103,11 +150,12 @@ int process(jack_nframes_t frames, void*)
         if (jack_midi_event_get(&event, buffer, i) != 0)
             continue;
         const auto size = static_cast<std::uint32_t>(event.size);
-        if (size > kLargestEvent || jack_ringbuffer_write_space(g_shared.ring) < sizeof size + size) {
+        if (size > kLargestEvent || jack_ringbuffer_write_space(g_shared.ring) < sizeof size + sizeof time + size) {
             g_shared.dropped.fetch_add(1, std::memory_order_relaxed);
             continue;
         }
         jack_ringbuffer_write(g_shared.ring, reinterpret_cast<const char*>(&size), sizeof size);
+        jack_ringbuffer_write(g_shared.ring, reinterpret_cast<const char*>(&time), sizeof time);
         jack_ringbuffer_write(g_shared.ring, reinterpret_cast<const char*>(event.buffer), size);
         wrote = true;
     }
@@ -125,7 +173,13 @@ void onPortRegistration(jack_port_id_t, int, void*)
 
 int onXrun(void*)
 {
-    g_shared.xruns.fetch_add(1);
+    if (g_shared.times) {
+        const std::int64_t now = monotonicMicroseconds();
+        if (jack_ringbuffer_write_space(g_shared.xrunTimes) >= sizeof now)
+            jack_ringbuffer_write(g_shared.xrunTimes, reinterpret_cast<const char*>(&now), sizeof now);
+    } else {
+        g_shared.xruns.fetch_add(1);
+    }
     sem_post(&g_shared.wake);
     return 0;
 }
@@ -154,17 +208,19 @@ void printLine(const std::string& text)
 // Prints every event waiting in the ring buffer, oldest first.
 void drainEvents()
 {
-    static std::vector<char> line(kLargestEvent * 3 + 1);
+    static std::vector<char> line(kLargestEvent * 3 + 32);
     static std::vector<unsigned char> bytes(kLargestEvent);
     static constexpr char kHex[] = "0123456789ABCDEF";
     for (;;) {
         std::uint32_t size = 0;
+        std::int64_t time = 0;
         if (jack_ringbuffer_read_space(g_shared.ring) < sizeof size)
             break;
         jack_ringbuffer_peek(g_shared.ring, reinterpret_cast<char*>(&size), sizeof size);
-        if (jack_ringbuffer_read_space(g_shared.ring) < sizeof size + size)
-            break; // the writer writes the size first; the bytes follow at once
+        if (jack_ringbuffer_read_space(g_shared.ring) < sizeof size + sizeof time + size)
+            break; // the writer writes the size first; the rest follows at once
         jack_ringbuffer_read_advance(g_shared.ring, sizeof size);
+        jack_ringbuffer_read(g_shared.ring, reinterpret_cast<char*>(&time), sizeof time);
         jack_ringbuffer_read(g_shared.ring, reinterpret_cast<char*>(bytes.data()), size);
         std::size_t length = 0;
         for (std::uint32_t i = 0; i < size; ++i) {
@@ -173,10 +229,24 @@ void drainEvents()
             line[length++] = kHex[bytes[i] >> 4];
             line[length++] = kHex[bytes[i] & 0x0F];
         }
+        if (g_shared.times)
+            length += static_cast<std::size_t>(
+                std::snprintf(line.data() + length, 32, " @%lld", static_cast<long long>(time)));
         printText(line.data(), length);
     }
     for (std::uint64_t xruns = g_shared.xruns.exchange(0); xruns > 0; --xruns)
         std::fputs("jack_midi_receiver: xrun\n", stderr);
+    std::int64_t time = 0;
+    std::uint32_t gap = 0;
+    while (g_shared.times && jack_ringbuffer_read_space(g_shared.xrunTimes) >= sizeof time) {
+        jack_ringbuffer_read(g_shared.xrunTimes, reinterpret_cast<char*>(&time), sizeof time);
+        std::fprintf(stderr, "jack_midi_receiver: xrun at %lld\n", static_cast<long long>(time));
+    }
+    while (g_shared.times && jack_ringbuffer_read_space(g_shared.missedCycles) >= sizeof time + sizeof gap) {
+        jack_ringbuffer_read(g_shared.missedCycles, reinterpret_cast<char*>(&time), sizeof time);
+        jack_ringbuffer_read(g_shared.missedCycles, reinterpret_cast<char*>(&gap), sizeof gap);
+        std::fprintf(stderr, "jack_midi_receiver: cycle missed at %lld (%u frames)\n", static_cast<long long>(time), gap);
+    }
     if (const std::uint64_t lost = g_shared.dropped.exchange(0))
         std::fprintf(stderr, "jack_midi_receiver: %llu events lost (ring buffer full)\n",
                      static_cast<unsigned long long>(lost));
@@ -226,7 +296,7 @@ void checkSources(jack_client_t* client, std::vector<Source>& sources)
 
 void printUsage(FILE* to)
 {
-    std::fputs("Usage: jack_midi_receiver [--server NAME] [--connect SOURCE]... [--client NAME]\n", to);
+    std::fputs("Usage: jack_midi_receiver [--server NAME] [--connect SOURCE]... [--client NAME] [--times]\n", to);
 }
 
 } // namespace
@@ -243,6 +313,10 @@ int main(int argc, char** argv)
         if (option == "--help") {
             printUsage(stdout);
             return 0;
+        }
+        if (option == "--times") {
+            g_shared.times = true;
+            continue;
         }
         if ((option == "--server" || option == "--connect" || option == "--client") && i + 1 < argc) {
             const std::string value = argv[++i];
@@ -269,7 +343,11 @@ int main(int argc, char** argv)
     sem_init(&g_shared.wake, 0, 0);
 
     g_shared.ring = jack_ringbuffer_create(kRingBytes);
-    if (g_shared.ring == nullptr) {
+    if (g_shared.times) {
+        g_shared.xrunTimes = jack_ringbuffer_create(kRingBytes / 8);
+        g_shared.missedCycles = jack_ringbuffer_create(kRingBytes / 8);
+    }
+    if (g_shared.ring == nullptr || (g_shared.times && (!g_shared.xrunTimes || !g_shared.missedCycles))) {
         std::fputs("jack_midi_receiver: out of memory\n", stderr);
         return 2;
     }
@@ -284,6 +362,7 @@ int main(int argc, char** argv)
                      serverName.empty() ? "default" : serverName.c_str(), static_cast<unsigned>(status));
         return 2;
     }
+    g_shared.client = client;
     g_shared.input = jack_port_register(client, "in", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0);
     if (g_shared.input == nullptr || jack_set_process_callback(client, process, nullptr) != 0
         || jack_set_port_registration_callback(client, onPortRegistration, nullptr) != 0
@@ -334,5 +413,9 @@ int main(int argc, char** argv)
     drainEvents();
     jack_client_close(client);
     jack_ringbuffer_free(g_shared.ring);
+    if (g_shared.times) {
+        jack_ringbuffer_free(g_shared.xrunTimes);
+        jack_ringbuffer_free(g_shared.missedCycles);
+    }
     return exitStatus;
 }

@@ -306,3 +306,17 @@ TEST_F(KeyEventFilterTest, CopiesOfAutoRepeatsAndFastTypingKeepTheirOrderAndAreE
     ASSERT_EQ(view->received.size(), 1u);
     EXPECT_EQ(view->received[0].second, int(Qt::Key_Minus));
 }
+
+TEST_F(KeyEventFilterTest, WhereHeldKeysRepeatWithoutReleasesAKeyStruckAgainQuicklyIsReleasedAndPlayedAgain)
+{
+    // GIVEN held keys repeating with presses only (X11 with detectable auto-repeat)
+    filter->setRepeatsWithoutReleases(true);
+    // WHEN A is pressed, released and pressed again so quickly that Qt flags the release and the
+    // second press as auto-repeat (the press was already queued behind the release), then released
+    sendPress(mainWindow, kLinuxA);
+    sendRelease(mainWindow, kLinuxA, Qt::NoModifier, true);
+    sendPress(mainWindow, kLinuxA, Qt::NoModifier, true);
+    sendRelease(mainWindow, kLinuxA);
+    // THEN the note is struck twice and released twice
+    EXPECT_EQ(sent(), (std::vector<Bytes>{kNoteOnA, kNoteOffA, kNoteOnA, kNoteOffA}));
+}

@@ -348,3 +348,46 @@ TEST(JackMidiReceiver, RejectsAnUnknownOptionWithStatusOne)
     const std::unique_ptr<ChildProcess> receiver = ChildProcess::start(PLINKORA_JACK_MIDI_RECEIVER, options);
     EXPECT_EQ(receiver->waitForExit(kTimeout), 1) << receiver->describe();
 }
+
+TEST_F(JackIntegrationTest, WithTheTallyAskedForTheMessagesThePortTookArePrintedWhenItCloses)
+{
+    // GIVEN the tally asked for, and a second receiver that adds the cycle's time to each event
+    const ScopedEnvironment tally("PLINKORA_MIDI_TALLY", "1");
+    ChildProcess::Options options;
+    options.arguments = {"--server", server->name(), "--connect", "PLK:PLK", "--client",
+                         "timed-" + std::to_string(getpid()), "--times"};
+    options.environment = server->environment();
+    const auto timed = ChildProcess::start(PLINKORA_JACK_MIDI_RECEIVER, options);
+    ASSERT_TRUE(timed->waitForLineMatching(std::regex("ready .+:in"), kTimeout)) << timed->describe();
+    makeManager();
+    ASSERT_TRUE(timed->waitForLine(kConnected, kTimeout).has_value()) << timed->describe();
+    // WHEN two notes are played and the port closes (cleanup adds bend centre and modulation 0)
+    manager->sendNoteOn(60, 100, 0);
+    manager->sendNoteOff(60, 0);
+    manager->sendNoteOn(62, 90, 0);
+    manager->sendNoteOff(62, 0);
+    ::testing::internal::CaptureStderr();
+    manager->cleanup();
+    manager.reset();
+    const std::string printed = ::testing::internal::GetCapturedStderr();
+    // THEN the six messages are counted, none refused
+    EXPECT_EQ(printed, "MIDI tally: 6 messages handed to the port, 0 refused\n");
+    // AND the timed receiver shows each event with a time, in order, the times never going back
+    ASSERT_TRUE(timed->waitForLine(kGone, kTimeout).has_value()) << timed->describe();
+    const std::regex timedEvent("([0-9A-F]{2}(?: [0-9A-F]{2})*) @([0-9]+)");
+    std::vector<std::string> events;
+    long long previous = 0;
+    for (const std::string& line : timed->lines()) {
+        std::smatch match;
+        if (!std::regex_match(line, match, timedEvent))
+            continue;
+        events.push_back(match[1]);
+        const long long time = std::stoll(match[2]);
+        EXPECT_GE(time, previous) << line;
+        previous = time;
+    }
+    const std::vector<std::string> expected{"90 3C 64", "80 3C 00", "90 3E 5A", "80 3E 00", "E0 00 40", "B0 01 00"};
+    if (xruns() == 0) { // JACK may lose events in an xrun; the tally above counts them all anyway
+        EXPECT_EQ(events, expected) << timed->describe();
+    }
+}
