@@ -7,10 +7,6 @@ namespace plinkora {
 /// True when the ALSA sequencer can be opened (Linux only; false elsewhere).
 bool alsaSequencerAvailable();
 
-/// True when a JACK server is already running ($JACK_DEFAULT_SERVER, else JACK's default).
-/// Opens a client and closes it at once; never starts a server.
-bool jackServerRunning();
-
 /// Makes sure no JACK client of this process starts a JACK server: sets JACK_NO_START_SERVER
 /// unless it is set already. Called before anything touches libjack.
 void forbidJackServerStart();
