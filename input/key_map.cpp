@@ -1,5 +1,7 @@
 #include "input/key_map.h"
 
+#include "midi/midi_message.h"
+
 #include <algorithm>
 
 namespace plinkora {
@@ -46,12 +48,12 @@ bool isArrowKey(KeyCode code)
 std::uint8_t noteNumber(std::int64_t octave, std::int64_t offset, std::int64_t transposition)
 {
     const std::int64_t raw = octave * 12 + offset + transposition;
-    return static_cast<std::uint8_t>(std::clamp<std::int64_t>(raw, 0, 127));
+    return static_cast<std::uint8_t>(std::clamp<std::int64_t>(raw, 0, kMidiDataMax));
 }
 
 std::uint8_t clampVelocity(std::uint8_t value)
 {
-    const std::uint8_t limited = std::min<std::uint8_t>(value, 127);
+    const std::uint8_t limited = std::min(value, kMidiDataMax);
     return limited == 0 ? 1 : limited;
 }
 

@@ -5,6 +5,7 @@
 #include "input/function_key_config.h"
 #include "input/key_table.h"
 #include "midi/midi_manager.h"
+#include "midi/midi_message.h"
 #include "properties/announcer.h"
 #include "properties/property_manager.h"
 
@@ -100,7 +101,7 @@ void KeyboardMonitor::handleKeyEvent(const KeyEvent& event)
         const bool shift = (event.modifierFlags & kShiftFlag) != 0;
         if (shift != sustainActive) {
             sustainActive = shift;
-            midiManager.sendControlChange(64, shift ? 127 : 0, propertyManager->getChannel());
+            midiManager.sendControlChange(64, shift ? kMidiDataMax : 0, propertyManager->getChannel());
         }
         return;
     }
@@ -143,8 +144,8 @@ void KeyboardMonitor::handleKeyEvent(const KeyEvent& event)
     // Function keys: no repeat filter; every key-down sends 127 again.
     if (const std::optional<int> index = functionKeyIndex(code)) {
         const std::uint8_t channel = propertyManager->getChannel();
-        const std::uint8_t controller = FunctionKeyConfig::shared().controllerNumber(settings_, *index);
-        midiManager.sendControlChange(controller, keyDown ? 127 : 0, channel);
+        const std::uint8_t controller = kFunctionKeyConfig.controllerNumber(settings_, *index);
+        midiManager.sendControlChange(controller, keyDown ? kMidiDataMax : 0, channel);
         return;
     }
 
@@ -217,7 +218,7 @@ void KeyboardMonitor::releaseHeldKeys()
     for (std::size_t index = 0; index < functionKeyCodes.size(); ++index) {
         if (heldKeys.test(functionKeyCodes[index]))
             midiManager.sendControlChange(
-                FunctionKeyConfig::shared().controllerNumber(settings_, static_cast<int>(index)), 0, channel);
+                kFunctionKeyConfig.controllerNumber(settings_, static_cast<int>(index)), 0, channel);
     }
     benderController->upPressed = false;
     benderController->downPressed = false;

@@ -10,10 +10,10 @@
 namespace plinkora {
 
 /// The largest value of a data byte (a note, a velocity, a controller value, a program).
-inline constexpr unsigned kMidiDataMax = 127;
+inline constexpr std::uint8_t kMidiDataMax = 127;
 /// Pitch bend at rest, and its largest value (14 bits).
-inline constexpr unsigned kPitchBendCentre = 8192;
-inline constexpr unsigned kPitchBendMax = 16383;
+inline constexpr std::uint16_t kPitchBendCentre = 8192;
+inline constexpr std::uint16_t kPitchBendMax = 16383;
 
 /// The upper four bits of a channel message's status byte.
 enum MidiMessageKind : std::uint8_t
