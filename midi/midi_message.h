@@ -42,41 +42,37 @@ constexpr std::uint8_t dataByte(unsigned value)
     return static_cast<std::uint8_t>(value & 0x7Fu);
 }
 
-constexpr std::uint8_t statusByte(MidiMessageKind kind, std::uint8_t channel)
+constexpr MidiMessage channelMessage(MidiMessageKind kind, std::uint8_t channel, unsigned data1, unsigned data2,
+                                     std::uint8_t length)
 {
-    return static_cast<std::uint8_t>(kind | (channel & 0x0Fu));
+    return {{static_cast<std::uint8_t>(kind | (channel & 0x0Fu)), dataByte(data1), dataByte(data2)}, length};
 }
 } // namespace midi_message_detail
 
 constexpr MidiMessage noteOnMessage(std::uint8_t note, std::uint8_t velocity, std::uint8_t channel)
 {
-    using namespace midi_message_detail;
-    return {{statusByte(kNoteOn, channel), dataByte(note), dataByte(velocity)}, 3};
+    return midi_message_detail::channelMessage(kNoteOn, channel, note, velocity, 3);
 }
 
 constexpr MidiMessage noteOffMessage(std::uint8_t note, std::uint8_t channel)
 {
-    using namespace midi_message_detail;
-    return {{statusByte(kNoteOff, channel), dataByte(note), 0}, 3};
+    return midi_message_detail::channelMessage(kNoteOff, channel, note, 0, 3);
 }
 
 /// `value`'s low 7 bits first, then the next 7.
 constexpr MidiMessage pitchBendMessage(std::uint16_t value, std::uint8_t channel)
 {
-    using namespace midi_message_detail;
-    return {{statusByte(kPitchBend, channel), dataByte(value), dataByte(value >> 7u)}, 3};
+    return midi_message_detail::channelMessage(kPitchBend, channel, value, value >> 7u, 3);
 }
 
 constexpr MidiMessage controlChangeMessage(std::uint8_t controller, std::uint8_t value, std::uint8_t channel)
 {
-    using namespace midi_message_detail;
-    return {{statusByte(kControlChange, channel), dataByte(controller), dataByte(value)}, 3};
+    return midi_message_detail::channelMessage(kControlChange, channel, controller, value, 3);
 }
 
 constexpr MidiMessage programChangeMessage(std::uint8_t program, std::uint8_t channel)
 {
-    using namespace midi_message_detail;
-    return {{statusByte(kProgramChange, channel), dataByte(program), 0}, 2};
+    return midi_message_detail::channelMessage(kProgramChange, channel, program, 0, 2);
 }
 
 } // namespace plinkora
