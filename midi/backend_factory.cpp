@@ -13,7 +13,6 @@
 #include "midi/alsa_patchbay.h"
 #endif
 
-
 namespace plinkora {
 
 namespace {
@@ -26,7 +25,6 @@ bool jackServerRunningKeepingTheClient(std::unique_ptr<JackCycleWatch>& opened)
     opened = JackCycleWatch::open(std::string(kPortName).append(kJackWatchSuffix), whyNot);
     return opened != nullptr;
 }
-
 } // namespace
 
 std::unique_ptr<MidiBackend> makeBackend(MidiApiKind kind, std::unique_ptr<JackCycleWatch> jackClient)

@@ -60,8 +60,9 @@ public:
     void sendAllChannelsOff();
     /// The benders at rest: pitch bend centre and modulation 0, on channel 0 where they send.
     void sendBendersAtRest();
-    /// Note-offs on channel 0 for the sounding notes, bend centre, modulation 0, then the
-    /// source and the client are withdrawn. Called once, at termination.
+    /// Note-offs on channel 0 for the sounding notes (stopActiveNotes: the bytes of sendNoteOff),
+    /// bend centre, modulation 0, then the source and the client are withdrawn. Called once, at
+    /// termination.
     void cleanup();
 
     MidiBackend& backend() { return *backend_; }
