@@ -8,6 +8,7 @@
 #include "common/diagnostics.h"
 #include "common/user_text.h"
 #include "input/keyboard_monitor.h"
+#include "midi/backend_factory.h"
 #include "midi/connection_keeper.h"
 #include "midi/midi_manager.h"
 #include "midi/recovering_backend.h"
@@ -106,7 +107,7 @@ void AppDelegate::publishMidiPort()
         std::unique_ptr<MidiPatchbay> patchbay = services_.makePatchbay(*backend);
         port = std::make_unique<RecoveringBackend>(std::move(backend), std::move(patchbay));
     } else {
-        port = RecoveringBackend::around(std::move(backend));
+        port = makeRecoveringBackend(std::move(backend));
     }
     midiService_ = port.get();
     std::unique_ptr<MidiBackend> output = std::move(port);

@@ -46,7 +46,7 @@ struct AppServices
     /// The connections of the port PLK on the MIDI system of `backend`; when empty, the
     /// patchbay of that system (none for the null output).
     std::function<std::unique_ptr<MidiPatchbay>(MidiBackend& backend)> makePatchbay;
-    /// Puts the built-in synthesizer beside the port: the back end returned hands every packet
+    /// Puts the built-in synthesizer beside the port: the back end returned hands every message
     /// to `port` and to the synthesizer. The port alone when empty.
     std::function<std::unique_ptr<MidiBackend>(std::unique_ptr<MidiBackend> port)> addBuiltInSynth;
     /// Hands the built-in synthesizer the view of PLK's readers it follows in the auto mode

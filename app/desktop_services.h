@@ -32,14 +32,14 @@ public:
     AppServices services();
 
     /// The built-in synthesizer, made with the MIDI back end (null before); it hears every
-    /// packet through the back end's fan-out.
+    /// message through the back end's fan-out.
     BuiltInSynth* synth() { return synth_.get(); }
 
     static constexpr const char* kMidiApiKey = "MidiApi";
 
 private:
     std::unique_ptr<MidiBackend> makeMidiBackend();
-    /// Makes the built-in synthesizer and a fan-out that hands every packet to `port` and to it.
+    /// Makes the built-in synthesizer and a fan-out that hands every message to `port` and to it.
     std::unique_ptr<MidiBackend> addBuiltInSynth(std::unique_ptr<MidiBackend> port);
     std::unique_ptr<Announcer> makeAnnouncer();
 

@@ -4,7 +4,7 @@
 // The real application is built as the program builds it (AppDelegate: MIDIManager, keyboard
 // monitor, KeyEventFilter, main window with its keyboard view, menu bar and status bar), on a
 // real QApplication (offscreen unless QT_QPA_PLATFORM says otherwise), with a MIDI back end that
-// takes the time at received(). Key presses and releases are real QKeyEvent objects carrying the
+// takes the time at send(). Key presses and releases are real QKeyEvent objects carrying the
 // Linux native scan codes (evdev + 8) as X11 delivers them: spontaneous, to the main window's
 // QWindow first, which passes them on to the focus widget. The time is taken just before the
 // event is handed to Qt (window → MIDI) and, by a timestamping application event filter
@@ -77,15 +77,15 @@ class TimestampingBackend final : public NullBackend
 {
 public:
     std::string_view apiName() const override { return "timestamping"; }
-    MidiStatus received(std::uint32_t, const MidiPacket& packet) override
+    MidiStatus send(std::uint32_t, MidiBytes message) override
     {
         const Clock::time_point now = Clock::now();
         ++messages;
         if (armed && !stamped) {
             stamp = now;
             stamped = true;
-            length = packet.length;
-            std::memcpy(bytes, packet.data.data(), 3);
+            length = message.size();
+            std::memcpy(bytes, message.data(), std::min<std::size_t>(message.size(), sizeof bytes));
         }
         return kStatusOk;
     }
@@ -99,7 +99,7 @@ public:
     bool armed = false;
     bool stamped = false;
     Clock::time_point stamp;
-    std::uint16_t length = 0;
+    std::size_t length = 0;
     std::uint8_t bytes[3] = {};
     std::uint64_t messages = 0;
 };

@@ -63,8 +63,8 @@ bool BenderController::movePitchBend()
 {
     if (upPressed) {
         pitchBend += pitchBendSpeed;
-        if (pitchBend > 16383.0)
-            pitchBend = 16383.0;
+        if (pitchBend > pitchBendMax)
+            pitchBend = pitchBendMax;
         return true;
     }
     if (downPressed) {
@@ -73,16 +73,16 @@ bool BenderController::movePitchBend()
             pitchBend = 0.0;
         return true;
     }
-    if (pitchBendAutoRelease && pitchBend != 8192.0) {
+    if (pitchBendAutoRelease && pitchBend != pitchBendCenter) {
         const double step = 2.0 * pitchBendSpeed;
-        if (pitchBend > 8192.0) {
+        if (pitchBend > pitchBendCenter) {
             pitchBend -= step;
-            if (pitchBend <= 8192.0)
-                pitchBend = 8192.0;
+            if (pitchBend <= pitchBendCenter)
+                pitchBend = pitchBendCenter;
         } else {
             pitchBend += step;
-            if (pitchBend > 8192.0)
-                pitchBend = 8192.0;
+            if (pitchBend > pitchBendCenter)
+                pitchBend = pitchBendCenter;
         }
         return true;
     }
@@ -93,8 +93,8 @@ bool BenderController::moveModulation()
 {
     if (rightPressed) {
         modulation += modulationSpeed * kModulationScale;
-        if (modulation > 127.0)
-            modulation = 127.0;
+        if (modulation > modulationMax)
+            modulation = modulationMax;
         return true;
     }
     if (leftPressed) {

@@ -29,11 +29,6 @@ QString SettingsStore::stringForKey(const QString& key) const
     return settings_.value(key).toString();
 }
 
-QString SettingsStore::rawText(const QString& key) const
-{
-    return settings_.value(key).toString();
-}
-
 void SettingsStore::setInteger(std::int64_t value, const QString& key)
 {
     settings_.setValue(key, static_cast<qlonglong>(value));

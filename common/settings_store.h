@@ -25,8 +25,6 @@ public:
     double doubleForKey(const QString& key) const;
     /// The text under `key`; empty when absent.
     QString stringForKey(const QString& key) const;
-    /// The raw stored text under `key`, for error messages.
-    QString rawText(const QString& key) const;
 
     void setInteger(std::int64_t value, const QString& key);
     void setDouble(double value, const QString& key);

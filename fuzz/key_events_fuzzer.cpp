@@ -71,9 +71,7 @@ public:
             const unsigned kind = status & 0xF0u;
             const unsigned expectedLength = kind == 0xC0 || kind == 0xD0 ? 2 : 3;
             if (kind == 0xF0 || call.length != expectedLength)
-                fail("a message of the wrong length", status, call.length);
-            if (!call.restOfPacketZero)
-                fail("bytes after the message in its packet", status);
+                fail("a message of the wrong length", status, static_cast<unsigned>(call.length));
             for (unsigned i = 1; i < call.length; ++i)
                 if (call.bytes[i] >= 0x80)
                     fail("a data byte of 0x80 or above", status, call.bytes[i]);

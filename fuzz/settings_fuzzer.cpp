@@ -73,7 +73,7 @@ std::optional<unsigned> typedValue(const QByteArray& text)
 /// the deliberate stop.
 std::optional<unsigned> readableController(const SettingsStore& settings, int index)
 {
-    const std::int64_t stored = settings.integerForKey(FunctionKeyConfig::shared().key(index));
+    const std::int64_t stored = settings.integerForKey(kFunctionKeyConfig.key(index));
     if (stored < 0 || stored > 255)
         return std::nullopt;
     return stored == 0 ? FunctionKeyConfig::defaultController(index) : static_cast<unsigned>(stored);
@@ -81,7 +81,7 @@ std::optional<unsigned> readableController(const SettingsStore& settings, int in
 
 void checkControllers(const SettingsStore& settings)
 {
-    const FunctionKeyConfig& config = FunctionKeyConfig::shared();
+    const FunctionKeyConfig& config = kFunctionKeyConfig;
     for (int index = 0; index < 4; ++index) {
         const std::optional<unsigned> expected = readableController(settings, index);
         if (expected && config.controllerNumber(settings, index) != *expected)
@@ -117,7 +117,7 @@ void checkBenders(const SettingsStore& settings)
 
 void typeIntoFields(FuzzedDataProvider& input, SettingsStore& settings, QSettings& qsettings)
 {
-    const FunctionKeyConfig& config = FunctionKeyConfig::shared();
+    const FunctionKeyConfig& config = kFunctionKeyConfig;
     while (input.remaining_bytes() > 0) {
         const std::uint8_t what = input.ConsumeIntegral<std::uint8_t>();
         if (what >= 240) {

@@ -2,16 +2,11 @@
 
 #include "common/diagnostics.h"
 #include "common/settings_store.h"
+#include "midi/midi_message.h"
 
 #include <cstdlib>
 
 namespace plinkora {
-
-const FunctionKeyConfig& FunctionKeyConfig::shared()
-{
-    static const FunctionKeyConfig instance;
-    return instance;
-}
 
 QString FunctionKeyConfig::key(int index) const
 {
@@ -43,7 +38,7 @@ std::optional<QString> FunctionKeyConfig::storeTypedText(SettingsStore& settings
 {
     const QByteArray utf8 = text.toUtf8();
     const std::optional<std::uint8_t> value = parseUInt8(std::string_view(utf8.constData(), static_cast<std::size_t>(utf8.size())));
-    if (value && *value <= 127) {
+    if (value && *value <= kMidiDataMax) {
         settings.setInteger(*value, key(index));
         return std::nullopt;
     }

@@ -13,11 +13,11 @@ class SettingsStore;
 
 /// The controller numbers that F1 to F4 send, kept in the settings under "PLK_F1_CC" to
 /// "PLK_F4_CC". A stored 0 (or nothing) means the key's default, 115 to 118; the program
-/// writes 0 to 127. One shared instance; read afresh at every use, never cached.
+/// writes 0 to 127. A constant without state: the program uses the one value
+/// kFunctionKeyConfig; the stored numbers are read afresh at every use, never cached.
 class FunctionKeyConfig
 {
 public:
-    static const FunctionKeyConfig& shared();
 
     const char* const f1CCKey = "PLK_F1_CC";
     const char* const f2CCKey = "PLK_F2_CC";
@@ -42,9 +42,9 @@ public:
     /// Parses an unsigned 8-bit decimal number: digits only, one optional leading "+" or "-"
     /// ("-" only for zero), no spaces, at most 255 at every step.
     static std::optional<std::uint8_t> parseUInt8(std::string_view text);
-
-private:
-    FunctionKeyConfig() = default;
 };
+
+/// The four settings keys of the function keys, for every reader.
+inline constexpr FunctionKeyConfig kFunctionKeyConfig{};
 
 } // namespace plinkora

@@ -117,10 +117,26 @@ std::optional<int> noteOffsetForKey(KeyCode code);
 std::optional<std::uint8_t> velocityForKey(KeyCode code);
 /// Octave of an octave key; nothing for any other key.
 std::optional<int> octaveForKey(KeyCode code);
-bool isFunctionKey(KeyCode code);
 /// 0 to 3 for F1 to F4; nothing for any other key.
 std::optional<int> functionKeyIndex(KeyCode code);
-bool isArrowKey(KeyCode code);
+
+/// What a key does. Every key the key map names has exactly one role.
+enum class KeyRole : std::uint8_t
+{
+    None,              // not Plinkora's: the key goes on to the window
+    Note,              // kNoteKeys
+    Velocity,          // kVelocityKeys
+    Octave,            // kOctaveKeys
+    FunctionKey,       // F1 to F4: their controllers
+    Bender,            // the arrows
+    AutoReleaseToggle, // "." (pitch bend) and "/" (modulation)
+    PropertyStep,      // Tab, Home, Page Up, End, Page Down: the property list
+    Panic,             // Escape: all notes off
+};
+
+/// The role of `code`: the one classification of keys, for deciding which key events are
+/// Plinkora's and for acting on them.
+KeyRole keyRole(KeyCode code);
 
 /// octave * 12 + offset + transposition, clamped to 0..127 (never dropped).
 std::uint8_t noteNumber(std::int64_t octave, std::int64_t offset, std::int64_t transposition);

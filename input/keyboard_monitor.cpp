@@ -6,6 +6,7 @@
 #include "input/function_key_config.h"
 #include "input/key_table.h"
 #include "midi/midi_manager.h"
+#include "midi/midi_message.h"
 #include "properties/announcer.h"
 #include "properties/property_manager.h"
 
@@ -29,9 +30,7 @@ KeyboardMonitor::~KeyboardMonitor() = default;
 
 bool KeyboardMonitor::isHandledKey(KeyCode code)
 {
-    return isFunctionKey(code) || octaveForKey(code) || velocityForKey(code) || noteOffsetForKey(code)
-        || isArrowKey(code) || code == kKeyPeriod || code == kKeySlash || code == kKeyHome || code == kKeyPageUp
-        || code == kKeyEnd || code == kKeyPageDown || code == kKeyTab || code == kKeyEscape;
+    return keyRole(code) != KeyRole::None;
 }
 
 bool KeyboardMonitor::monitorCallback(const KeyEvent& event)
@@ -102,7 +101,7 @@ void KeyboardMonitor::handleKeyEvent(const KeyEvent& event)
         const bool shift = (event.modifierFlags & kShiftFlag) != 0;
         if (shift != sustainActive) {
             sustainActive = shift;
-            midiManager.sendControlChange(64, shift ? 127 : 0, propertyManager->getChannel());
+            midiManager.sendControlChange(64, shift ? kMidiDataMax : 0, propertyManager->getChannel());
         }
         return;
     }
@@ -111,94 +110,105 @@ void KeyboardMonitor::handleKeyEvent(const KeyEvent& event)
     if (code < heldKeys.size())
         heldKeys.set(code, keyDown);
 
-    if (code == kKeyEscape) {
+    const bool newPress = keyDown && !alreadyPressed;
+    switch (keyRole(code)) {
+    case KeyRole::Panic:
         if (keyDown && !alreadyHeld)
             allNotesOff();
         return;
-    }
-
-    if (keyDown && !alreadyPressed) {
-        switch (code) {
-        case kKeyTab:
-            if (event.modifierFlags & kShiftFlag)
-                propertyManager->previousProperty();
-            else
-                propertyManager->nextProperty();
-            return;
-        case kKeyHome:
-            propertyManager->increaseValue(true);
-            return;
-        case kKeyPageUp:
-            propertyManager->increaseValue(false);
-            return;
-        case kKeyEnd:
-            propertyManager->decreaseValue(true);
-            return;
-        case kKeyPageDown:
-            propertyManager->decreaseValue(false);
-            return;
-        default:
-            break;
-        }
-    }
-
-    // Function keys: no repeat filter; every key-down sends 127 again.
-    if (const std::optional<int> index = functionKeyIndex(code)) {
+    case KeyRole::PropertyStep:
+        if (newPress)
+            stepProperty(code, (event.modifierFlags & kShiftFlag) != 0);
+        return;
+    case KeyRole::FunctionKey: {
+        // No repeat filter: every key-down sends 127 again.
         const std::uint8_t channel = propertyManager->getChannel();
-        const std::uint8_t controller = FunctionKeyConfig::shared().controllerNumber(settings_, *index);
-        midiManager.sendControlChange(controller, keyDown ? 127 : 0, channel);
+        const std::uint8_t controller = kFunctionKeyConfig.controllerNumber(settings_, *functionKeyIndex(code));
+        midiManager.sendControlChange(controller, keyDown ? kMidiDataMax : 0, channel);
         return;
     }
+    case KeyRole::Bender:
+        // Arrows only set the flags; the bender timer does the sending.
+        benderArrowFlag(code) = keyDown;
+        return;
+    case KeyRole::AutoReleaseToggle:
+        if (newPress) {
+            // No repeat filter either: holding the key flips the mode on every repeat.
+            bool& flag = code == kKeyPeriod ? benderController->pitchBendAutoRelease
+                                            : benderController->modulationAutoRelease;
+            flag = !flag;
+            benderController->playSound(flag ? "up.wav" : "down.wav");
+        }
+        return;
+    case KeyRole::Octave:
+        if (newPress)
+            currentOctave = *octaveForKey(code);
+        return;
+    case KeyRole::Velocity:
+        if (newPress)
+            currentVelocity = clampVelocity(*velocityForKey(code));
+        return;
+    case KeyRole::Note:
+        playNoteKey(code, *noteOffsetForKey(code), keyDown, alreadyPressed);
+        return;
+    case KeyRole::None:
+        return;
+    }
+}
 
-    // Arrows only set the flags; the bender timer does the sending.
+void KeyboardMonitor::stepProperty(KeyCode code, bool shift)
+{
     switch (code) {
-    case kKeyUp:
-        benderController->upPressed = keyDown;
+    case kKeyTab:
+        if (shift)
+            propertyManager->previousProperty();
+        else
+            propertyManager->nextProperty();
         return;
-    case kKeyDown:
-        benderController->downPressed = keyDown;
+    case kKeyHome:
+        propertyManager->increaseValue(true);
         return;
-    case kKeyLeft:
-        benderController->leftPressed = keyDown;
+    case kKeyPageUp:
+        propertyManager->increaseValue(false);
         return;
-    case kKeyRight:
-        benderController->rightPressed = keyDown;
+    case kKeyEnd:
+        propertyManager->decreaseValue(true);
+        return;
+    case kKeyPageDown:
+        propertyManager->decreaseValue(false);
         return;
     default:
-        break;
-    }
-
-    if (keyDown && !alreadyPressed && (code == kKeyPeriod || code == kKeySlash)) {
-        // No repeat filter either: holding the key flips the mode on every repeat.
-        bool& flag = code == kKeyPeriod ? benderController->pitchBendAutoRelease : benderController->modulationAutoRelease;
-        flag = !flag;
-        benderController->playSound(flag ? "up.wav" : "down.wav");
         return;
     }
+}
 
-    if (keyDown && !alreadyPressed) {
-        if (const std::optional<int> octave = octaveForKey(code))
-            currentOctave = *octave;
-        if (const std::optional<std::uint8_t> velocity = velocityForKey(code)) {
-            currentVelocity = clampVelocity(*velocity);
-            return;
-        }
+bool& KeyboardMonitor::benderArrowFlag(KeyCode code)
+{
+    switch (code) {
+    case kKeyUp:
+        return benderController->upPressed;
+    case kKeyDown:
+        return benderController->downPressed;
+    case kKeyLeft:
+        return benderController->leftPressed;
+    default:
+        return benderController->rightPressed;
     }
+}
 
-    const std::optional<int> offset = noteOffsetForKey(code);
-    if (!offset)
-        return;
+void KeyboardMonitor::playNoteKey(KeyCode code, int offset, bool keyDown, bool alreadyPressed)
+{
     if (keyDown) {
         if (alreadyPressed)
             return; // auto-repeat
         pressedKeys.set(code);
-        const std::uint8_t note = noteNumber(currentOctave, *offset, propertyManager->getTranspose());
+        const std::uint8_t note = noteNumber(currentOctave, offset, propertyManager->getTranspose());
         midiManager.sendNoteOn(note, currentVelocity, propertyManager->getChannel());
         return;
     }
     // The note-off is computed from the octave, transposition and channel of this moment.
     pressedKeys.reset(code);
-    const std::uint8_t note = noteNumber(currentOctave, *offset, propertyManager->getTranspose());
+    const std::uint8_t note = noteNumber(currentOctave, offset, propertyManager->getTranspose());
     midiManager.sendNoteOff(note, propertyManager->getChannel());
 }
 
@@ -220,7 +230,7 @@ void KeyboardMonitor::releaseHeldKeys()
     for (std::size_t index = 0; index < functionKeyCodes.size(); ++index) {
         if (heldKeys.test(functionKeyCodes[index]))
             midiManager.sendControlChange(
-                FunctionKeyConfig::shared().controllerNumber(settings_, static_cast<int>(index)), 0, channel);
+                kFunctionKeyConfig.controllerNumber(settings_, static_cast<int>(index)), 0, channel);
     }
     benderController->upPressed = false;
     benderController->downPressed = false;

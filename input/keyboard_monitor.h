@@ -99,6 +99,12 @@ private:
     /// True when the event belongs to a key held through a focus change or a panic, and is
     /// therefore swallowed without acting.
     bool isLeftoverOfHeldKey(const KeyEvent& event);
+    /// Tab (Shift+Tab), Home, Page Up, End, Page Down: a step in the property list.
+    void stepProperty(KeyCode code, bool shift);
+    /// The bender controller's flag of an arrow key.
+    bool& benderArrowFlag(KeyCode code);
+    /// A note key going down (a repeat while it is down plays nothing) or up.
+    void playNoteKey(KeyCode code, int offset, bool keyDown, bool alreadyPressed);
     /// Speaks `source` (an announcement's English text) in the user's language with Plinkora's
     /// own voice unless a screen reader runs; true when spoken.
     bool speakWithoutScreenReader(const char* source);

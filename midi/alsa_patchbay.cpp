@@ -13,7 +13,7 @@
 namespace plinkora {
 
 namespace {
-constexpr const char* kClientName = "PLK-patchbay";
+constexpr std::string_view kClientRole = "patchbay";
 constexpr unsigned kDestinationCaps = SND_SEQ_PORT_CAP_WRITE | SND_SEQ_PORT_CAP_SUBS_WRITE;
 
 // alsa-lib's small records, on the stack with their own lifetime.
@@ -83,7 +83,7 @@ void AlsaPatchbay::open()
         lost_.store(true, std::memory_order_release);
         notify();
     };
-    client_ = AlsaAnnouncements::open(kClientName, std::move(listener));
+    client_ = AlsaAnnouncements::open(helperClientName(kClientRole), std::move(listener));
 }
 
 bool AlsaPatchbay::ensureClient()

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "midi/midi_patchbay.h"
+#include "midi/port_name.h"
 
 #include <atomic>
 #include <memory>
@@ -23,7 +24,8 @@ class AlsaPatchbay final : public MidiPatchbay
 public:
     /// `sourceClient`, `sourcePort`: the names of Plinkora's port; of the clients with that
     /// name, the one of this process is taken.
-    explicit AlsaPatchbay(std::string sourceClient = "PLK", std::string sourcePort = "PLK");
+    explicit AlsaPatchbay(std::string sourceClient = std::string(kPortName),
+                          std::string sourcePort = std::string(kPortName));
     ~AlsaPatchbay() override;
     AlsaPatchbay(const AlsaPatchbay&) = delete;
     AlsaPatchbay& operator=(const AlsaPatchbay&) = delete;

@@ -6,91 +6,28 @@
 #include "midi/midi_service_probe.h"
 #include "midi/null_backend.h"
 #include "midi/null_patchbay.h"
+#include "midi/port_name.h"
 #include "midi/rtmidi_backend.h"
 
 #if defined(__linux__)
 #include "midi/alsa_patchbay.h"
 #endif
 
-#include <algorithm>
-#include <cctype>
-
 namespace plinkora {
 
 namespace {
-constexpr std::string_view kPortName = "PLK";
-
-// The automatic choice sees that a JACK server runs by opening a client; while it chooses, that
-// client is kept and handed to the JACK back end (as its cycle watch) instead of being closed
-// and opened again: each JACK client open or close costs several milliseconds at start-up.
-struct ParkedJackClient
+// The automatic choice sees that a JACK server runs by opening a client. That client is handed
+// to the JACK back end (as its cycle watch) instead of being closed and opened again: each JACK
+// client open or close costs several milliseconds at start-up.
+bool jackServerRunningKeepingTheClient(std::unique_ptr<JackCycleWatch>& opened)
 {
-    bool keep = false;
-    std::unique_ptr<JackCycleWatch> watch;
-};
-
-ParkedJackClient& parked()
-{
-    static ParkedJackClient slot;
-    return slot;
-}
-
-// Parks what it opened only inside chooseBackend; anything not taken is closed when it ends.
-class ParkingScope
-{
-public:
-    ParkingScope() { parked().keep = true; }
-    ~ParkingScope()
-    {
-        parked().keep = false;
-        parked().watch.reset();
-    }
-    ParkingScope(const ParkingScope&) = delete;
-    ParkingScope& operator=(const ParkingScope&) = delete;
-};
-
-bool jackServerRunningKeepingTheClient()
-{
-    if (!parked().keep)
-        return jackServerRunning();
-    MidiStatus status = kStatusOk;
-    parked().watch = JackCycleWatch::open(std::string(kPortName).append(kJackWatchSuffix), status);
-    return parked().watch != nullptr;
-}
-
-bool sameNameIgnoringCase(std::string_view a, std::string_view b)
-{
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
-           });
+    MidiStatus whyNot = kStatusOk; // no server and a refused client both mean: not JACK
+    opened = JackCycleWatch::open(std::string(kPortName).append(kJackWatchSuffix), whyNot);
+    return opened != nullptr;
 }
 } // namespace
 
-std::string_view midiApiName(MidiApiKind kind)
-{
-    for (const MidiApiEntry& entry : kMidiApis)
-        if (entry.kind == kind)
-            return entry.name;
-    return {};
-}
-
-MidiApiParse parseMidiApi(std::string_view name)
-{
-    for (const MidiApiEntry& entry : kMidiApis)
-        if (sameNameIgnoringCase(entry.name, name))
-            return {entry.kind, {}};
-    std::string error = "Unknown MIDI API \"";
-    error += name;
-    error += "\"; valid names are: ";
-    for (std::size_t i = 0; i < kMidiApis.size(); ++i) {
-        if (i > 0)
-            error += ", ";
-        error += kMidiApis[i].name;
-    }
-    return {std::nullopt, std::move(error)};
-}
-
-std::unique_ptr<MidiBackend> makeBackend(MidiApiKind kind)
+std::unique_ptr<MidiBackend> makeBackend(MidiApiKind kind, std::unique_ptr<JackCycleWatch> jackClient)
 {
     switch (kind) {
 #if defined(__APPLE__)
@@ -101,7 +38,7 @@ std::unique_ptr<MidiBackend> makeBackend(MidiApiKind kind)
         return std::make_unique<RtMidiBackend>(RtMidiBackend::System::AlsaSequencer);
 #endif
     case MidiApiKind::Jack:
-        return std::make_unique<RtMidiBackend>(RtMidiBackend::System::Jack, std::move(parked().watch));
+        return std::make_unique<RtMidiBackend>(RtMidiBackend::System::Jack, std::move(jackClient));
     case MidiApiKind::Null:
         break;
     }
@@ -113,14 +50,21 @@ std::unique_ptr<MidiPatchbay> makePatchbay(MidiApiKind kind)
     switch (kind) {
 #if defined(__linux__)
     case MidiApiKind::Alsa:
-        return std::make_unique<AlsaPatchbay>(std::string(kPortName), std::string(kPortName));
+        return std::make_unique<AlsaPatchbay>();
 #endif
     case MidiApiKind::Jack:
-        return std::make_unique<JackPatchbay>(std::string(kPortName) + ':' + std::string(kPortName));
+        return std::make_unique<JackPatchbay>();
     default:
         break;
     }
     return std::make_unique<NullPatchbay>();
+}
+
+std::unique_ptr<RecoveringBackend> makeRecoveringBackend(std::unique_ptr<MidiBackend> port)
+{
+    const MidiApiParse parsed = parseMidiApi(port->apiName());
+    std::unique_ptr<MidiPatchbay> patchbay = parsed.kind ? makePatchbay(*parsed.kind) : nullptr;
+    return std::make_unique<RecoveringBackend>(std::move(port), std::move(patchbay));
 }
 
 std::unique_ptr<MidiBackend> makeBackend(std::string_view name, std::string& error)
@@ -140,13 +84,19 @@ MidiServiceProbes systemProbes()
 
 MidiApiKind defaultMidiApi(const MidiServiceProbes& probes)
 {
+    std::unique_ptr<JackCycleWatch> jackClient; // only the answer is wanted: closed at once
+    return defaultMidiApi(probes, jackClient);
+}
+
+MidiApiKind defaultMidiApi(const MidiServiceProbes& probes, std::unique_ptr<JackCycleWatch>& jackClient)
+{
 #if defined(__APPLE__)
     return MidiApiKind::CoreMidi; // always there
 #else
     // What the desktop runs comes first: a JACK server, or PipeWire's JACK interface where the
     // JACK library is PipeWire's (both answer a JACK client). The ALSA sequencer is there on
     // nearly every Linux machine, whatever the desktop uses; PipeWire bridges it too.
-    if (probes.jackServer != nullptr && probes.jackServer())
+    if (probes.jackServer != nullptr && probes.jackServer(jackClient))
         return MidiApiKind::Jack;
     if (probes.alsaSequencer != nullptr && probes.alsaSequencer())
         return MidiApiKind::Alsa;
@@ -157,10 +107,10 @@ MidiApiKind defaultMidiApi(const MidiServiceProbes& probes)
 std::unique_ptr<MidiBackend> chooseBackend(std::string_view requested, std::string& error,
                                            const MidiServiceProbes& probes)
 {
-    const ParkingScope parking;
+    std::unique_ptr<JackCycleWatch> jackClient; // the JACK probe's client, for the JACK back end
     MidiApiKind kind;
     if (requested.empty()) {
-        kind = defaultMidiApi(probes);
+        kind = defaultMidiApi(probes, jackClient);
     } else {
         MidiApiParse parsed = parseMidiApi(requested);
         if (!parsed.kind) {
@@ -172,7 +122,7 @@ std::unique_ptr<MidiBackend> chooseBackend(std::string_view requested, std::stri
     std::string line = "MIDI output: ";
     line += midiApiName(kind);
     printLine(line);
-    return makeBackend(kind);
+    return makeBackend(kind, std::move(jackClient)); // any other back end lets the client close
 }
 
 } // namespace plinkora

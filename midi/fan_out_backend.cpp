@@ -18,11 +18,11 @@ MidiStatus FanOutBackend::createSource(std::uint32_t client, std::string_view na
     return port_->createSource(client, name, source);
 }
 
-MidiStatus FanOutBackend::received(std::uint32_t source, const MidiPacket& packet)
+MidiStatus FanOutBackend::send(std::uint32_t source, MidiBytes message)
 {
-    const MidiStatus status = port_->received(source, packet);
+    const MidiStatus status = port_->send(source, message);
     if (listener_)
-        listener_->midiSent(packet);
+        listener_->midiSent(message);
     return status;
 }
 

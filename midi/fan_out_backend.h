@@ -6,19 +6,19 @@
 
 namespace plinkora {
 
-/// Hears every packet the MIDI output sends, after the port has it (the built-in synthesizer).
+/// Hears every message the MIDI output sends, after the port has it (the built-in synthesizer).
 /// Called on the sending thread; must not allocate or block.
 class MidiListener
 {
 public:
     virtual ~MidiListener() = default;
-    virtual void midiSent(const MidiPacket& packet) = 0;
+    virtual void midiSent(MidiBytes message) = 0;
 };
 
-/// A back end in front of the port's back end: every call goes to the port, and every packet is
+/// A back end in front of the port's back end: every call goes to the port, and every message is
 /// also handed to the listener, so that what the port sends and what the listener hears are
 /// the same messages, sent once by the MIDI output. The port's statuses are the ones returned;
-/// the listener hears a packet whatever the port answered (the port may be missing).
+/// the listener hears a message whatever the port answered (the port may be missing).
 class FanOutBackend final : public MidiBackend
 {
 public:
@@ -29,9 +29,9 @@ public:
     MidiBackend& port() { return *port_; }
 
     std::string_view apiName() const override { return port_->apiName(); }
-    MidiStatus createClient(std::string_view name, std::uint32_t& client) override;
-    MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override;
-    MidiStatus received(std::uint32_t source, const MidiPacket& packet) override;
+    [[nodiscard]] MidiStatus createClient(std::string_view name, std::uint32_t& client) override;
+    [[nodiscard]] MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override;
+    [[nodiscard]] MidiStatus send(std::uint32_t source, MidiBytes message) override;
     void disposeSource(std::uint32_t source) override;
     void disposeClient(std::uint32_t client) override;
 

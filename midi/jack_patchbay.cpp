@@ -10,7 +10,7 @@
 namespace plinkora {
 
 namespace {
-constexpr const char* kClientName = "PLK-patchbay";
+constexpr std::string_view kClientRole = "patchbay";
 
 // A JACK list of port names, freed with jack_free.
 class PortList
@@ -64,7 +64,7 @@ bool JackPatchbay::ensureClient()
     forbidJackServerStart();
     const QuietJackMessages quiet;
     jack_status_t status{};
-    jack_client_t* client = jack_client_open(kClientName, JackNoStartServer, &status);
+    jack_client_t* client = jack_client_open(helperClientName(kClientRole).c_str(), JackNoStartServer, &status);
     if (client == nullptr)
         return false;
     serverGone_.store(false, std::memory_order_release);

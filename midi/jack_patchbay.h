@@ -1,6 +1,7 @@
 #pragma once
 
 #include "midi/midi_patchbay.h"
+#include "midi/port_name.h"
 
 #include <atomic>
 #include <mutex>
@@ -19,7 +20,7 @@ class JackPatchbay final : public MidiPatchbay
 {
 public:
     /// `source`: the full name of Plinkora's port.
-    explicit JackPatchbay(std::string source = "PLK:PLK");
+    explicit JackPatchbay(std::string source = portFullName());
     ~JackPatchbay() override;
     JackPatchbay(const JackPatchbay&) = delete;
     JackPatchbay& operator=(const JackPatchbay&) = delete;

@@ -2,21 +2,15 @@
 
 #include "midi/midi_status.h"
 
-#include <array>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string_view>
 
 namespace plinkora {
 
-/// One MIDI message as it is handed to the service: built on the stack for each send,
-/// time stamp 0 (at once), the message bytes, the rest of the data area zero.
-struct MidiPacket
-{
-    std::uint64_t timeStamp = 0;
-    std::uint16_t length = 0;
-    std::array<std::uint8_t, 256> data{};
-};
+/// The bytes of one MIDI message, status byte first.
+using MidiBytes = std::span<const std::uint8_t>;
 
 /// The five operations the MIDI output needs from the platform's MIDI service. References
 /// are non-zero numbers handed out by the back end; 0 means "none".
@@ -30,14 +24,14 @@ public:
 
     /// Registers this process as a MIDI client called `name`. Returns 0 and sets `client`,
     /// or a negative status (midi_status.h) and leaves `client` as it was.
-    virtual MidiStatus createClient(std::string_view name, std::uint32_t& client) = 0;
+    [[nodiscard]] virtual MidiStatus createClient(std::string_view name, std::uint32_t& client) = 0;
 
     /// Publishes a virtual source `name` of `client` that other programs can read from.
     /// Returns 0 and sets `source`, or a negative status.
-    virtual MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) = 0;
+    [[nodiscard]] virtual MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) = 0;
 
-    /// Hands one packet to every reader of `source`, at once. Must not allocate.
-    virtual MidiStatus received(std::uint32_t source, const MidiPacket& packet) = 0;
+    /// Hands one message to every reader of `source`, at once. Must not allocate.
+    [[nodiscard]] virtual MidiStatus send(std::uint32_t source, MidiBytes message) = 0;
 
     /// Withdraws the virtual source. Waits until what was sent has left.
     virtual void disposeSource(std::uint32_t source) = 0;

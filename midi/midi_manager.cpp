@@ -1,25 +1,13 @@
 #include "midi/midi_manager.h"
 
 #include "common/diagnostics.h"
+#include "midi/midi_message.h"
+#include "midi/port_name.h"
 
 #include <cinttypes>
 #include <cstdio>
 
 namespace plinkora {
-
-namespace {
-constexpr std::string_view kPortName = "PLK";
-
-constexpr std::uint8_t dataByte(unsigned value)
-{
-    return static_cast<std::uint8_t>(value & 0x7Fu);
-}
-
-constexpr std::uint8_t statusByte(unsigned kind, std::uint8_t channel)
-{
-    return static_cast<std::uint8_t>(kind | (channel & 0x0Fu));
-}
-} // namespace
 
 MIDIManager::MIDIManager(std::unique_ptr<MidiBackend> backend)
     : backend_(std::move(backend))
@@ -39,15 +27,9 @@ void MIDIManager::setupMIDI()
         printLine("Error creating MIDI source: ", status);
 }
 
-MidiStatus MIDIManager::send(std::uint8_t status, std::uint8_t data1, std::uint8_t data2, std::uint16_t length)
+MidiStatus MIDIManager::send(const MidiMessage& message)
 {
-    MidiPacket packet;
-    packet.length = length;
-    packet.data[0] = status;
-    packet.data[1] = data1;
-    if (length > 2)
-        packet.data[2] = data2;
-    return backend_->received(virtualSource, packet);
+    return backend_->send(virtualSource, message.bytes());
 }
 
 void MIDIManager::sendNoteOn(std::uint8_t note, std::uint8_t velocity, std::uint8_t channel)
@@ -55,7 +37,7 @@ void MIDIManager::sendNoteOn(std::uint8_t note, std::uint8_t velocity, std::uint
     if (virtualSource == 0 || activeNotes.contains(note))
         return;
     activeNotes.insert(note);
-    if (const MidiStatus status = send(statusByte(0x90, channel), dataByte(note), dataByte(velocity), 3))
+    if (const MidiStatus status = send(noteOnMessage(note, velocity, channel)))
         printLine("Error sending MIDI note on: ", status);
 }
 
@@ -64,7 +46,7 @@ void MIDIManager::sendNoteOff(std::uint8_t note, std::uint8_t channel)
     if (virtualSource == 0)
         return;
     activeNotes.erase(note);
-    if (const MidiStatus status = send(statusByte(0x80, channel), dataByte(note), 0, 3))
+    if (const MidiStatus status = send(noteOffMessage(note, channel)))
         printLine("Error sending MIDI note off: ", status);
 }
 
@@ -72,7 +54,7 @@ void MIDIManager::sendPitchBend(std::uint16_t value, std::uint8_t channel)
 {
     if (virtualSource == 0)
         return;
-    if (const MidiStatus status = send(statusByte(0xE0, channel), dataByte(value), dataByte(value >> 7u), 3))
+    if (const MidiStatus status = send(pitchBendMessage(value, channel)))
         printLine("Error sending MIDI pitch bend: ", status);
 }
 
@@ -80,7 +62,7 @@ void MIDIManager::sendControlChange(std::uint8_t controller, std::uint8_t value,
 {
     if (virtualSource == 0)
         return;
-    if (const MidiStatus status = send(statusByte(0xB0, channel), dataByte(controller), dataByte(value), 3)) {
+    if (const MidiStatus status = send(controlChangeMessage(controller, value, channel))) {
         char prefix[40];
         std::snprintf(prefix, sizeof prefix, "Error sending MIDI CC%u: ", static_cast<unsigned>(controller));
         printLine(prefix, status);
@@ -91,7 +73,7 @@ void MIDIManager::sendProgramChange(std::uint8_t program, std::uint8_t channel)
 {
     if (virtualSource == 0)
         return;
-    if (const MidiStatus status = send(statusByte(0xC0, channel), dataByte(program), 0, 2))
+    if (const MidiStatus status = send(programChangeMessage(program, channel)))
         printLine("Error sending MIDI program change: ", status);
 }
 
@@ -115,7 +97,7 @@ void MIDIManager::sendAllChannelsOff()
 
 void MIDIManager::sendBendersAtRest()
 {
-    sendPitchBend(8192, 0);
+    sendPitchBend(kPitchBendCentre, 0);
     sendControlChange(1, 0, 0);
 }
 

@@ -8,6 +8,8 @@
 
 namespace plinkora {
 
+struct MidiMessage;
+
 /// The set of note numbers that were started and not yet stopped. The channel is not part of
 /// the key. Iterates in ascending note order; never allocates.
 class ActiveNoteSet
@@ -58,19 +60,23 @@ public:
     void sendAllChannelsOff();
     /// The benders at rest: pitch bend centre and modulation 0, on channel 0 where they send.
     void sendBendersAtRest();
-    /// Note-offs on channel 0 for the sounding notes, bend centre, modulation 0, then the
-    /// source and the client are withdrawn. Called once, at termination.
+    /// Note-offs on channel 0 for the sounding notes (stopActiveNotes: the bytes of sendNoteOff),
+    /// bend centre, modulation 0, then the source and the client are withdrawn. Called once, at
+    /// termination.
     void cleanup();
 
     MidiBackend& backend() { return *backend_; }
 
     std::uint32_t midiClient = 0;
-    std::uint32_t outputPort = 0; // kept for the record; no output port is ever created
+    /// A port of the client for sending to one chosen destination. Plinkora never makes one: it
+    /// publishes `virtualSource` and lets other programs connect to it. The field belongs to the
+    /// manager's described state, so it stays, always 0 (midi_manager_test checks that).
+    std::uint32_t outputPort = 0;
     std::uint32_t virtualSource = 0;
     ActiveNoteSet activeNotes;
 
 private:
-    MidiStatus send(std::uint8_t status, std::uint8_t data1, std::uint8_t data2, std::uint16_t length);
+    [[nodiscard]] MidiStatus send(const MidiMessage& message);
 
     std::unique_ptr<MidiBackend> backend_;
 };

@@ -42,18 +42,6 @@ void forbidJackServerStart()
     setenv("JACK_NO_START_SERVER", "1", 0);
 }
 
-bool jackServerRunning()
-{
-    forbidJackServerStart();
-    const QuietJackMessages quiet;
-    jack_status_t status{};
-    jack_client_t* client = jack_client_open("PLK-probe", JackNoStartServer, &status);
-    if (client == nullptr)
-        return false;
-    jack_client_close(client);
-    return true;
-}
-
 bool pipeWireJackAvailable()
 {
     Dl_info library{};

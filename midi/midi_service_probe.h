@@ -7,10 +7,6 @@ namespace plinkora {
 /// True when the ALSA sequencer can be opened (Linux only; false elsewhere).
 bool alsaSequencerAvailable();
 
-/// True when a JACK server is already running ($JACK_DEFAULT_SERVER, else JACK's default).
-/// Opens a client and closes it at once; never starts a server.
-bool jackServerRunning();
-
 /// True when the JACK library of this process is PipeWire's JACK interface (the program runs
 /// under pw-jack, or the system puts PipeWire's library in libjack's place) and PipeWire's
 /// socket is there ($PIPEWIRE_RUNTIME_DIR, else $XDG_RUNTIME_DIR; $PIPEWIRE_REMOTE, else

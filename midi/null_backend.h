@@ -6,22 +6,22 @@ namespace plinkora {
 
 /// A MIDI service that accepts everything and delivers nothing: Plinkora still runs where no
 /// MIDI system is available. Test and benchmark back ends derive from it and override
-/// `received`.
+/// `send`.
 class NullBackend : public MidiBackend
 {
 public:
     std::string_view apiName() const override { return "null"; }
-    MidiStatus createClient(std::string_view, std::uint32_t& client) override
+    [[nodiscard]] MidiStatus createClient(std::string_view, std::uint32_t& client) override
     {
         client = 1;
         return kStatusOk;
     }
-    MidiStatus createSource(std::uint32_t, std::string_view, std::uint32_t& source) override
+    [[nodiscard]] MidiStatus createSource(std::uint32_t, std::string_view, std::uint32_t& source) override
     {
         source = 1;
         return kStatusOk;
     }
-    MidiStatus received(std::uint32_t, const MidiPacket&) override { return kStatusOk; }
+    [[nodiscard]] MidiStatus send(std::uint32_t, MidiBytes) override { return kStatusOk; }
     void disposeSource(std::uint32_t) override {}
     void disposeClient(std::uint32_t) override {}
 };

@@ -41,12 +41,10 @@ MidiStatus RecordingBackend::createSource(std::uint32_t client, std::string_view
     return kStatusOk;
 }
 
-MidiStatus RecordingBackend::received(std::uint32_t source, const MidiPacket& packet)
+MidiStatus RecordingBackend::send(std::uint32_t source, MidiBytes message)
 {
-    Call call{Op::Send, source, packet.length};
-    std::copy_n(packet.data.begin(), std::min<std::size_t>(packet.length, 3), call.bytes.begin());
-    call.restOfPacketZero = std::all_of(packet.data.begin() + std::min<std::size_t>(packet.length, 256),
-                                        packet.data.end(), [](std::uint8_t b) { return b == 0; });
+    Call call{Op::Send, source, message.size()};
+    std::copy_n(message.begin(), std::min<std::size_t>(message.size(), call.bytes.size()), call.bytes.begin());
     calls_.push_back(call);
     if (const MidiStatus failure = failures_[static_cast<std::size_t>(Op::Send)])
         return failure;
@@ -68,7 +66,7 @@ std::vector<std::vector<std::uint8_t>> RecordingBackend::sentMessages() const
     std::vector<std::vector<std::uint8_t>> messages;
     for (const Call& call : calls_)
         if (call.op == Op::Send)
-            messages.emplace_back(call.bytes.begin(), call.bytes.begin() + std::min<std::size_t>(call.length, 3));
+            messages.emplace_back(call.bytes.begin(), call.bytes.begin() + std::min(call.length, call.bytes.size()));
     return messages;
 }
 

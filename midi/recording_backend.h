@@ -2,6 +2,7 @@
 
 #include "midi/midi_backend.h"
 
+#include <array>
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -26,17 +27,16 @@ public:
     {
         Op op;
         std::uint32_t reference = 0; // client for CreateSource/DisposeClient, source otherwise
-        std::uint16_t length = 0;    // packet length of a Send
-        std::array<std::uint8_t, 3> bytes{};
-        bool restOfPacketZero = true; // a Send's data area beyond `length` was all zero
+        std::size_t length = 0;      // the number of bytes of a Send
+        std::array<std::uint8_t, 3> bytes{}; // a Send's first three bytes
     };
 
     explicit RecordingBackend(std::size_t reserved = 4096);
 
     std::string_view apiName() const override { return "recording"; }
-    MidiStatus createClient(std::string_view name, std::uint32_t& client) override;
-    MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override;
-    MidiStatus received(std::uint32_t source, const MidiPacket& packet) override;
+    [[nodiscard]] MidiStatus createClient(std::string_view name, std::uint32_t& client) override;
+    [[nodiscard]] MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override;
+    [[nodiscard]] MidiStatus send(std::uint32_t source, MidiBytes message) override;
     void disposeSource(std::uint32_t source) override;
     void disposeClient(std::uint32_t client) override;
 

@@ -1,7 +1,6 @@
 #include "midi/recovering_backend.h"
 
 #include "common/diagnostics.h"
-#include "midi/backend_factory.h"
 #include "midi/null_patchbay.h"
 
 #include <QMetaObject>
@@ -27,13 +26,6 @@ RecoveringBackend::RecoveringBackend(std::unique_ptr<MidiBackend> port, std::uni
     retryTimer_.setInterval(kRetryInterval);
     QObject::connect(&retryTimer_, &QTimer::timeout, &context_, [this] { retry(); });
     port_->setServiceLostListener([this] { serviceLostNotice(); });
-}
-
-std::unique_ptr<RecoveringBackend> RecoveringBackend::around(std::unique_ptr<MidiBackend> port)
-{
-    const MidiApiParse parsed = parseMidiApi(port->apiName());
-    std::unique_ptr<MidiPatchbay> patchbay = parsed.kind ? makePatchbay(*parsed.kind) : nullptr;
-    return std::make_unique<RecoveringBackend>(std::move(port), std::move(patchbay));
 }
 
 RecoveringBackend::~RecoveringBackend()
@@ -75,13 +67,13 @@ MidiStatus RecoveringBackend::createSource(std::uint32_t client, std::string_vie
     return kStatusOk;
 }
 
-MidiStatus RecoveringBackend::received(std::uint32_t source, const MidiPacket& packet)
+MidiStatus RecoveringBackend::send(std::uint32_t source, MidiBytes message)
 {
     if (source != kSourceReference || !published_)
         return kStatusNoSuchEndpoint;
     if (lost_.load(std::memory_order_acquire))
         return kStatusOk; // into nothing
-    const MidiStatus status = port_->received(portSource_, packet);
+    const MidiStatus status = port_->send(portSource_, message);
     if (status == kStatusServiceUnavailable) {
         // The back end saw the service go a moment before its notice arrived here.
         serviceLostNotice();

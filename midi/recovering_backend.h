@@ -33,18 +33,15 @@ public:
     static constexpr std::chrono::milliseconds kRetryInterval{1000};
 
     RecoveringBackend(std::unique_ptr<MidiBackend> port, std::unique_ptr<MidiPatchbay> patchbay);
-    /// Around `port`, with the patchbay of its system (makePatchbay by its apiName; none for a
-    /// system without one).
-    static std::unique_ptr<RecoveringBackend> around(std::unique_ptr<MidiBackend> port);
     ~RecoveringBackend() override;
     RecoveringBackend(const RecoveringBackend&) = delete;
     RecoveringBackend& operator=(const RecoveringBackend&) = delete;
 
     std::string_view apiName() const override;
-    MidiStatus createClient(std::string_view name, std::uint32_t& client) override;
-    MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override;
+    [[nodiscard]] MidiStatus createClient(std::string_view name, std::uint32_t& client) override;
+    [[nodiscard]] MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override;
     /// While the service is lost: nothing is sent, and the status is 0.
-    MidiStatus received(std::uint32_t source, const MidiPacket& packet) override;
+    [[nodiscard]] MidiStatus send(std::uint32_t source, MidiBytes message) override;
     /// Also stop the retries: nothing is made again after the clean-up.
     void disposeSource(std::uint32_t source) override;
     void disposeClient(std::uint32_t client) override;

@@ -229,7 +229,7 @@ MidiStatus RtMidiBackend::createSource(std::uint32_t client, std::string_view na
     return kStatusOk;
 }
 
-MidiStatus RtMidiBackend::received(std::uint32_t source, const MidiPacket& packet)
+MidiStatus RtMidiBackend::send(std::uint32_t source, MidiBytes message)
 {
     State& s = *state_;
     if (source != kSourceReference || !s.sourceOpen)
@@ -237,11 +237,11 @@ MidiStatus RtMidiBackend::received(std::uint32_t source, const MidiPacket& packe
     // With the server gone RtMidi would fill its ring buffer and then wait for room forever.
     if (s.jackWatch && s.jackWatch->serverGone())
         return kStatusServiceUnavailable;
-    if (packet.length == 0 || packet.length > packet.data.size())
+    if (message.empty())
         return kStatusSendFailed;
     s.reports = 0;
     try {
-        s.out->sendMessage(packet.data.data(), packet.length);
+        s.out->sendMessage(message.data(), message.size());
     } catch (...) {
         ++s.refused;
         return kStatusSendFailed;

@@ -36,11 +36,11 @@ public:
     std::string_view apiName() const override;
     /// Fails with kStatusApiUnavailable when RtMidi lacks the system, kStatusServiceUnavailable
     /// when the service is not there (no sequencer, no JACK server), kStatusClientFailed else.
-    MidiStatus createClient(std::string_view name, std::uint32_t& client) override;
+    [[nodiscard]] MidiStatus createClient(std::string_view name, std::uint32_t& client) override;
     /// Publishes the virtual port `name`: it shows as "PLK:PLK" (client:port) in ALSA and JACK.
-    MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override;
-    /// Sends the packet's bytes at once. Does not allocate.
-    MidiStatus received(std::uint32_t source, const MidiPacket& packet) override;
+    [[nodiscard]] MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override;
+    /// Sends the message at once. Does not allocate.
+    [[nodiscard]] MidiStatus send(std::uint32_t source, MidiBytes message) override;
     /// Closes the virtual port. With JACK it first lets the server run a few cycles so that
     /// everything sent reaches the readers, and a few more after closing (RtMidi 5 is not safe
     /// to destroy right after); bounded when the server stalls. With ALSA the port itself goes

@@ -12,7 +12,7 @@ build_and_run=(
     librtmidi-dev libjack-jackd2-dev libasound2-dev
     libspeechd-dev speech-dispatcher speech-dispatcher-espeak-ng
     libfluidsynth-dev timgm6mb-soundfont
-    fonts-dejavu-core libxcb1-dev
+    fonts-dejavu-core libxcb1-dev libxcb-xkb-dev
     qt6-tools-dev qt6-l10n-tools qt6-translations-l10n
 )
 packaging=(

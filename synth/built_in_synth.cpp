@@ -163,9 +163,9 @@ bool BuiltInSynth::isAudible() const
     return policy_.shouldPlay() && engine_.isReady();
 }
 
-void BuiltInSynth::midiSent(const MidiPacket& packet)
+void BuiltInSynth::midiSent(MidiBytes message)
 {
-    playPacket(packet, engine_);
+    playMessages(message, engine_);
 }
 
 void BuiltInSynth::playingChanged(bool playing)

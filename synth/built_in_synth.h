@@ -17,7 +17,7 @@ namespace plinkora {
 class MidiPatchbay;
 class SettingsStore;
 
-/// The built-in synthesizer: hears every packet PLK sends (as the fan-out's listener) and plays
+/// The built-in synthesizer: hears every message PLK sends (as the fan-out's listener) and plays
 /// it with FluidSynth while its policy lets it (`--synth`, the setting "Synth"; auto: while no
 /// other program reads PLK). The sound font is the one given with `--soundfont` (then
 /// remembered), else the setting "SoundFont", else FluidR3_GM when installed, else TimGM6mb.
@@ -74,8 +74,8 @@ public:
     bool isAudible() const override;
     void setChangeCallback(std::function<void()> changed) override { changed_ = std::move(changed); }
 
-    // MidiListener: every packet PLK sends.
-    void midiSent(const MidiPacket& packet) override;
+    // MidiListener: every message PLK sends.
+    void midiSent(MidiBytes message) override;
 
     FluidEngine& engine() { return engine_; }
     SynthPolicy& policy() { return policy_; }

@@ -2,6 +2,7 @@
 
 #include "common/diagnostics.h"
 #include "midi/midi_service_probe.h"
+#include "midi/port_name.h"
 
 #include <alsa/asoundlib.h>
 #include <fluidsynth.h>
@@ -99,7 +100,7 @@ struct FluidEngine::Instance
         fluid_settings_setint(settings, "synth.dynamic-sample-loading", 1);
         // JACK: the outputs go to the system's playback ports, under a name of Plinkora's own.
         fluid_settings_setint(settings, "audio.jack.autoconnect", 1);
-        fluid_settings_setstr(settings, "audio.jack.id", "PLK-synth");
+        fluid_settings_setstr(settings, "audio.jack.id", helperClientName("synth").c_str());
         fluid_settings_setint(settings, "audio.realtime-prio", 60);
         // PipeWire, PulseAudio and ALSA: 256 frames a period (5.8 ms at 44.1 kHz).
         fluid_settings_setint(settings, "audio.period-size", 256);

@@ -1,6 +1,6 @@
 #include "synth/synth_target.h"
 
-#include <algorithm>
+#include "midi/midi_message.h"
 
 namespace plinkora {
 
@@ -9,8 +9,8 @@ namespace {
 int dataBytes(std::uint8_t status)
 {
     switch (status & 0xF0u) {
-    case 0xC0:
-    case 0xD0:
+    case kProgramChange:
+    case kChannelPressure:
         return 1;
     default:
         return 2;
@@ -18,13 +18,13 @@ int dataBytes(std::uint8_t status)
 }
 } // namespace
 
-void playPacket(const MidiPacket& packet, SynthTarget& target)
+void playMessages(MidiBytes bytes, SynthTarget& target)
 {
-    const std::size_t length = std::min<std::size_t>(packet.length, packet.data.size());
+    const std::size_t length = bytes.size();
     std::size_t i = 0;
     while (i < length) {
-        const std::uint8_t status = packet.data[i];
-        if (status < 0x80 || status >= 0xF0) { // a stray data byte or a system message
+        const std::uint8_t status = bytes[i];
+        if (status < kNoteOff || status >= 0xF0) { // a stray data byte or a system message
             ++i;
             continue;
         }
@@ -32,31 +32,31 @@ void playPacket(const MidiPacket& packet, SynthTarget& target)
         if (i + static_cast<std::size_t>(count) >= length)
             return; // cut off
         const int channel = status & 0x0F;
-        const int a = packet.data[i + 1] & 0x7F;
-        const int b = count == 2 ? packet.data[i + 2] & 0x7F : 0;
+        const int a = bytes[i + 1] & 0x7F;
+        const int b = count == 2 ? bytes[i + 2] & 0x7F : 0;
         switch (status & 0xF0u) {
-        case 0x80:
+        case kNoteOff:
             target.noteOff(channel, a);
             break;
-        case 0x90:
+        case kNoteOn:
             if (b == 0)
                 target.noteOff(channel, a);
             else
                 target.noteOn(channel, a, b);
             break;
-        case 0xA0:
+        case kKeyPressure:
             target.keyPressure(channel, a, b);
             break;
-        case 0xB0:
+        case kControlChange:
             target.controlChange(channel, a, b);
             break;
-        case 0xC0:
+        case kProgramChange:
             target.programChange(channel, a);
             break;
-        case 0xD0:
+        case kChannelPressure:
             target.channelPressure(channel, a);
             break;
-        case 0xE0:
+        case kPitchBend:
             target.pitchBend(channel, a | (b << 7));
             break;
         default:

@@ -22,9 +22,9 @@ public:
     virtual void keyPressure(int channel, int key, int value) = 0;
 };
 
-/// Reads the MIDI channel messages in `packet` (one or more, each with its status byte) and calls
+/// Reads the MIDI channel messages in `bytes` (one or more, each with its status byte) and calls
 /// `target` for each, in order. A note-on with velocity 0 is a note-off. System messages and
 /// bytes without a status are skipped. Never allocates.
-void playPacket(const MidiPacket& packet, SynthTarget& target);
+void playMessages(MidiBytes bytes, SynthTarget& target);
 
 } // namespace plinkora

@@ -3,6 +3,7 @@
 #include "benders/bender_controller.h"
 #include "common/diagnostics.h"
 #include "input/keyboard_monitor.h"
+#include "midi/midi_message.h"
 #include "ui/design_fonts.h"
 
 #include <QEvent>
@@ -168,9 +169,9 @@ void KeyboardView::updateDisplay()
     velocityLabel_->setText(tr("Velocity: %1").arg(QString::number(keyboardMonitor_.currentVelocity)));
 
     const std::int64_t bend = truncatedOrFatal(bender.pitchBend, "pitch bend");
-    if (bend < std::numeric_limits<std::int64_t>::min() + 8192)
-        fatal(QStringLiteral("the pitch bend value %1 minus 8192 overflows").arg(bend).toStdString());
-    const std::int64_t pitch = bend - 8192;
+    if (bend < std::numeric_limits<std::int64_t>::min() + kPitchBendCentre)
+        fatal(QStringLiteral("the pitch bend value %1 minus %2 overflows").arg(bend).arg(kPitchBendCentre).toStdString());
+    const std::int64_t pitch = bend - kPitchBendCentre;
     pitchBendLabel_->setText(tr("Pitch: %1").arg(pitch));
 
     const std::int64_t modulation = truncatedOrFatal(bender.modulation, "modulation");

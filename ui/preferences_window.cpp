@@ -277,7 +277,7 @@ void PreferencesWindow::chooseSoundFont()
 
 QString PreferencesWindow::storedCCText(int index) const
 {
-    return QString::number(FunctionKeyConfig::shared().controllerNumber(settings_, index));
+    return QString::number(kFunctionKeyConfig.controllerNumber(settings_, index));
 }
 
 void PreferencesWindow::pitchSpeedChanged()
@@ -319,7 +319,7 @@ void PreferencesWindow::f4CCChanged()
 void PreferencesWindow::ccChanged(int index)
 {
     QLineEdit* field = ccField(index);
-    const std::optional<QString> putBack = FunctionKeyConfig::shared().storeTypedText(settings_, index, field->text());
+    const std::optional<QString> putBack = kFunctionKeyConfig.storeTypedText(settings_, index, field->text());
     // Rejected: show the stored number again, silently (no sound, no message).
     if (putBack)
         field->setText(*putBack);

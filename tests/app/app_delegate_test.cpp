@@ -61,11 +61,11 @@ public:
     {
         return recording_.createSource(client, name, source);
     }
-    MidiStatus received(std::uint32_t source, const MidiPacket& packet) override
+    MidiStatus send(std::uint32_t source, MidiBytes message) override
     {
         if (onSend)
             onSend();
-        return recording_.received(source, packet);
+        return recording_.send(source, message);
     }
     void disposeSource(std::uint32_t source) override { recording_.disposeSource(source); }
     void disposeClient(std::uint32_t client) override { recording_.disposeClient(client); }

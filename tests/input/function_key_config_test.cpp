@@ -21,7 +21,7 @@ protected:
     QTemporaryDir dir;
     QSettings qsettings{dir.filePath("plinkora.conf"), QSettings::IniFormat};
     SettingsStore settings{qsettings};
-    const FunctionKeyConfig& config = FunctionKeyConfig::shared();
+    const FunctionKeyConfig& config = kFunctionKeyConfig;
 };
 } // namespace
 
@@ -31,7 +31,6 @@ TEST_F(FunctionKeyConfigTest, KeysAreNamedPerFunctionKey)
     EXPECT_STREQ(config.f2CCKey, "PLK_F2_CC");
     EXPECT_STREQ(config.f3CCKey, "PLK_F3_CC");
     EXPECT_STREQ(config.f4CCKey, "PLK_F4_CC");
-    EXPECT_EQ(&config, &FunctionKeyConfig::shared());
 }
 
 TEST_F(FunctionKeyConfigTest, EmptyStoreGivesDefaults115To118)
@@ -153,7 +152,7 @@ TEST(FunctionKeyConfigDeath, AHandEditedFileOutsideZeroTo255StopsWithTheLineNami
         const QString value = QString::fromLatin1(values[static_cast<std::size_t>(index)]).trimmed();
         const QString line = QStringLiteral("Fatal error: the stored controller number %1 under \"%2\" in %3 is outside 0 to 255")
                                  .arg(value, QString::fromLatin1(keys[static_cast<std::size_t>(index)]), path);
-        EXPECT_DEATH(FunctionKeyConfig::shared().controllerNumber(settings, index), "(^|\n)" + literally(line) + "\n")
+        EXPECT_DEATH(kFunctionKeyConfig.controllerNumber(settings, index), "(^|\n)" + literally(line) + "\n")
             << line.toStdString();
     }
 }

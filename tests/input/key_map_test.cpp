@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <set>
 
 using namespace plinkora;
@@ -69,9 +70,35 @@ TEST(KeyMap, MinusAndEqualsAreInNoTable)
         EXPECT_FALSE(noteOffsetForKey(key));
         EXPECT_FALSE(velocityForKey(key));
         EXPECT_FALSE(octaveForKey(key));
-        EXPECT_FALSE(isFunctionKey(key));
-        EXPECT_FALSE(isArrowKey(key));
+        EXPECT_EQ(keyRole(key), KeyRole::None);
     }
+}
+
+TEST(KeyMap, EachKeyOfTheMapHasTheRoleOfItsTableAndNoOtherKeyHasOne)
+{
+    // GIVEN the key map's tables and single keys
+    std::map<KeyCode, KeyRole> expected;
+    for (const NoteKey& key : kNoteKeys)
+        expected[key.code] = KeyRole::Note;
+    for (const VelocityKey& key : kVelocityKeys)
+        expected[key.code] = KeyRole::Velocity;
+    for (const OctaveKey& key : kOctaveKeys)
+        expected[key.code] = KeyRole::Octave;
+    for (const KeyCode code : functionKeyCodes)
+        expected[code] = KeyRole::FunctionKey;
+    for (const KeyCode code : arrowKeyCodes)
+        expected[code] = KeyRole::Bender;
+    expected[kKeyPeriod] = expected[kKeySlash] = KeyRole::AutoReleaseToggle;
+    for (const KeyCode code : {kKeyTab, kKeyHome, kKeyPageUp, kKeyEnd, kKeyPageDown})
+        expected[code] = KeyRole::PropertyStep;
+    expected[kKeyEscape] = KeyRole::Panic;
+    // THEN every code has that role, every other code none, and the tables do not overlap
+    EXPECT_EQ(expected.size(), kNoteKeys.size() + kVelocityKeys.size() + kOctaveKeys.size() + 4 + 4 + 2 + 5 + 1);
+    for (KeyCode code = 0; code < 256; ++code) {
+        const auto it = expected.find(code);
+        EXPECT_EQ(keyRole(code), it == expected.end() ? KeyRole::None : it->second) << code;
+    }
+    EXPECT_EQ(keyRole(kNoKeyCode), KeyRole::None);
 }
 
 TEST(KeyMap, VelocityEntriesAreClampedToOneThrough127)

@@ -2,6 +2,7 @@
 
 #include "midi/midi_manager.h"
 #include "midi/midi_service_probe.h"
+#include "midi/recording_backend.h"
 #include "midi/rtmidi_backend.h"
 #include "support/child_process.h"
 #include "support/jack_server.h"
@@ -29,12 +30,12 @@ bool alsaNo()
     ++g_alsaAsked;
     return false;
 }
-bool jackYes()
+bool jackYes(std::unique_ptr<JackCycleWatch>&)
 {
     ++g_jackAsked;
     return true;
 }
-bool jackNo()
+bool jackNo(std::unique_ptr<JackCycleWatch>&)
 {
     ++g_jackAsked;
     return false;
@@ -254,6 +255,27 @@ TEST_F(BackendFactoryTest, WithAJackServerRunningJackIsChosen)
     // AND the probe left no port behind
     for (const std::string& port : jack->ports())
         EXPECT_NE(port.rfind("PLK", 0), 0u) << port;
+}
+
+// The recovering back end around a port
+
+TEST(RecoveringBackendAround, ABackEndWithoutLossesIsPassedThroughUnchanged)
+{
+    // GIVEN the recording back end (its service never goes) inside a recovering one
+    auto owned = std::make_unique<RecordingBackend>();
+    RecordingBackend* recording = owned.get();
+    std::unique_ptr<RecoveringBackend> keeper = makeRecoveringBackend(std::move(owned));
+    // WHEN the manager publishes, sends, and cleans up
+    MIDIManager manager(std::move(keeper));
+    manager.sendNoteOn(60, 100, 0);
+    manager.cleanup();
+    // THEN the back end saw the same calls as without it, and there is no patchbay to speak of
+    using Op = RecordingBackend::Op;
+    std::vector<Op> ops;
+    for (const RecordingBackend::Call& call : recording->calls())
+        ops.push_back(call.op);
+    EXPECT_EQ(ops, (std::vector<Op>{Op::CreateClient, Op::CreateSource, Op::Send, Op::Send, Op::Send, Op::Send,
+                                    Op::DisposeSource, Op::DisposeClient}));
 }
 
 // Explicit choices that do not work

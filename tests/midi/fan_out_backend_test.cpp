@@ -15,10 +15,7 @@ namespace {
 class RecordingListener final : public MidiListener
 {
 public:
-    void midiSent(const MidiPacket& packet) override
-    {
-        heard.emplace_back(packet.data.begin(), packet.data.begin() + packet.length);
-    }
+    void midiSent(MidiBytes message) override { heard.emplace_back(message.begin(), message.end()); }
     std::vector<std::vector<std::uint8_t>> heard;
 };
 
@@ -83,12 +80,8 @@ TEST(FanOutBackend, ThePortsStatusesWinAndTheListenerHearsEvenWhenThePortFails)
     EXPECT_EQ(f.port->clientName, "PLK");
     EXPECT_EQ(f.port->sourceName, "PLK");
     f.port->failWith(RecordingBackend::Op::Send, kStatusSendFailed);
-    MidiPacket packet;
-    packet.length = 3;
-    packet.data[0] = 0x90;
-    packet.data[1] = 62;
-    packet.data[2] = 90;
-    EXPECT_EQ(f.backend->received(f.manager->virtualSource, packet), kStatusSendFailed);
+    const std::uint8_t noteOn[] = {0x90, 62, 90};
+    EXPECT_EQ(f.backend->send(f.manager->virtualSource, noteOn), kStatusSendFailed);
     ASSERT_EQ(f.listener.heard.size(), 1u);
     EXPECT_EQ(f.listener.heard[0], (std::vector<std::uint8_t>{0x90, 62, 90}));
 }
@@ -104,9 +97,7 @@ TEST(FanOutBackend, WithoutAListenerOnlyThePortHearsAndAFailedPortFailsTheSource
     EXPECT_EQ(fanOut.createClient("PLK", client), kStatusOk);
     EXPECT_EQ(fanOut.createSource(client, "PLK", source), kStatusSourceFailed);
     EXPECT_EQ(source, 0u);
-    MidiPacket packet;
-    packet.length = 2;
-    packet.data[0] = 0xC0;
-    EXPECT_EQ(fanOut.received(1, packet), kStatusNoSuchEndpoint); // the port's answer: no source 1
+    const std::uint8_t programChange[] = {0xC0, 0};
+    EXPECT_EQ(fanOut.send(1, programChange), kStatusNoSuchEndpoint); // the port's answer: no source 1
 
 }

@@ -85,7 +85,7 @@ protected:
     /// The manager on the JACK back end inside a recovering back end, watching.
     void makeManager()
     {
-        auto recovering = RecoveringBackend::around(makeBackend(MidiApiKind::Jack));
+        auto recovering = makeRecoveringBackend(makeBackend(MidiApiKind::Jack));
         keeper = recovering.get();
         manager = std::make_unique<MIDIManager>(std::move(recovering));
         ASSERT_NE(manager->virtualSource, 0u);

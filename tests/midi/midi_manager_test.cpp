@@ -150,7 +150,7 @@ TEST_F(MidiManagerTest, ProgramChangeIsATwoByteMessage)
     // GIVEN a published source
     // WHEN program 5 is chosen on channel 2
     manager->sendProgramChange(5, 2);
-    // THEN C2 05 is sent in a packet of length 2
+    // THEN C2 05 is sent as a message of two bytes
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0xC2, 0x05}}));
     ASSERT_EQ(backend->calls().size(), 1u);
     EXPECT_EQ(backend->calls()[0].length, 2);
@@ -165,25 +165,25 @@ TEST_F(MidiManagerTest, ProgramChangeMasksTheProgram)
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0xC0, 0x02}}));
 }
 
-TEST_F(MidiManagerTest, EveryPacketHasTimeStampZeroAndAZeroDataAreaAfterTheMessage)
+TEST_F(MidiManagerTest, EveryMessageIsHandedOverAloneWithJustItsOwnBytes)
 {
-    // GIVEN a back end that checks each packet
+    // GIVEN a back end that checks each message it is handed
     struct CheckingBackend final : NullBackend
     {
         std::string_view apiName() const override { return "checking"; }
-        MidiStatus received(std::uint32_t, const MidiPacket& packet) override
+        MidiStatus send(std::uint32_t, MidiBytes message) override
         {
-            ++packets;
-            if (packet.timeStamp != 0)
-                ++badTimeStamps;
-            for (std::size_t i = packet.length; i < packet.data.size(); ++i)
-                if (packet.data[i] != 0)
-                    ++dirtyPackets;
+            lengths.push_back(message.size());
+            if (message.empty() || message[0] < 0x80)
+                ++withoutStatusFirst;
+            for (std::size_t i = 1; i < message.size(); ++i)
+                if (message[i] >= 0x80)
+                    ++statusAmongTheData;
             return kStatusOk;
         }
-        int packets = 0;
-        int badTimeStamps = 0;
-        int dirtyPackets = 0;
+        std::vector<std::size_t> lengths;
+        int withoutStatusFirst = 0;
+        int statusAmongTheData = 0;
     };
     auto owned = std::make_unique<CheckingBackend>();
     CheckingBackend& checking = *owned;
@@ -195,15 +195,11 @@ TEST_F(MidiManagerTest, EveryPacketHasTimeStampZeroAndAZeroDataAreaAfterTheMessa
     checked.sendControlChange(0xFF, 0xFF, 0xFF);
     checked.sendProgramChange(0xFF, 0xFF);
     checked.cleanup();
-    // THEN each packet is stamped 0 and nothing lies beyond its length
-    EXPECT_EQ(checking.packets, 7);
-    EXPECT_EQ(checking.badTimeStamps, 0);
-    EXPECT_EQ(checking.dirtyPackets, 0);
-    // AND the recording back end agrees for its own packets
-    manager->sendProgramChange(0xFF, 0xFF);
-    manager->sendNoteOn(0xFF, 0xFF, 0xFF);
-    for (const RecordingBackend::Call& call : backend->calls())
-        EXPECT_TRUE(call.restOfPacketZero);
+    // THEN each send hands over one message, status byte first, three bytes long (two for the
+    // program change), never batched with another
+    EXPECT_EQ(checking.lengths, (std::vector<std::size_t>{3, 3, 3, 3, 2, 3, 3}));
+    EXPECT_EQ(checking.withoutStatusFirst, 0);
+    EXPECT_EQ(checking.statusAmongTheData, 0);
 }
 
 // Channels
@@ -266,7 +262,7 @@ TEST_F(MidiManagerTest, SourceFailurePrintsItsLine)
 TEST_F(MidiManagerTest, WithoutAClientNothingIsEverSentAndCleanupDisposesNothing)
 {
     // GIVEN a manager whose client could not be made
-    make([](RecordingBackend& b) { b.failWith(Op::CreateClient, -3); });
+    make([](RecordingBackend& b) { b.failWith(Op::CreateClient, kStatusClientFailed); });
     // WHEN every kind of message is sent and then cleanup runs
     const std::string printed = printedBy([&] {
         manager->sendNoteOn(60, 100, 0);
@@ -284,7 +280,7 @@ TEST_F(MidiManagerTest, WithoutAClientNothingIsEverSentAndCleanupDisposesNothing
 TEST_F(MidiManagerTest, WithoutASourceCleanupDisposesOnlyTheClient)
 {
     // GIVEN a manager whose client exists but whose source could not be published
-    make([](RecordingBackend& b) { b.failWith(Op::CreateSource, -4); });
+    make([](RecordingBackend& b) { b.failWith(Op::CreateSource, kStatusSourceFailed); });
     // WHEN cleanup runs
     manager->cleanup();
     // THEN nothing is sent, no source is disposed, the client is
@@ -441,7 +437,7 @@ TEST_F(MidiManagerTest, AFailedControlChangeNamesTheControllerBeforeMasking)
 TEST_F(MidiManagerTest, APositiveStatusIsPrintedAsIs)
 {
     // GIVEN a back end that fails sends with an unusual positive status
-    backend->failWith(Op::Send, 12345);
+    backend->failWith(Op::Send, static_cast<MidiStatus>(12345)); // any number a service may answer
     // WHEN a bend is sent
     const std::string printed = printedBy([&] { manager->sendPitchBend(0, 0); });
     // THEN the number is printed in signed decimal
@@ -496,7 +492,7 @@ TEST(MidiManagerLifetime, DestroyingTheManagerWithoutCleanupSendsAndDisposesNoth
         {
             return target.createSource(c, n, s);
         }
-        MidiStatus received(std::uint32_t s, const MidiPacket& p) override { return target.received(s, p); }
+        MidiStatus send(std::uint32_t s, MidiBytes m) override { return target.send(s, m); }
         void disposeSource(std::uint32_t s) override { target.disposeSource(s); }
         void disposeClient(std::uint32_t c) override { target.disposeClient(c); }
         RecordingBackend& target;
@@ -550,7 +546,7 @@ TEST_F(MidiManagerTest, BendersAtRestAreBendCentreThenModulationZeroOnChannelZer
 
 TEST_F(MidiManagerTest, WithoutASourceThePanicMessagesSendNothing)
 {
-    make([](RecordingBackend& b) { b.failWith(Op::CreateSource, -4); });
+    make([](RecordingBackend& b) { b.failWith(Op::CreateSource, kStatusSourceFailed); });
     manager->activeNotes.insert(60);
     manager->stopActiveNotes(0);
     manager->sendAllChannelsOff();

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <thread>
+#include <vector>
 
 using namespace plinkora;
 using namespace std::chrono_literals;
@@ -33,12 +34,9 @@ bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds t
     return true;
 }
 
-MidiPacket packet(std::initializer_list<std::uint8_t> bytes)
+std::vector<std::uint8_t> message(std::initializer_list<std::uint8_t> bytes)
 {
-    MidiPacket p;
-    for (const std::uint8_t b : bytes)
-        p.data[p.length++] = b;
-    return p;
+    return bytes;
 }
 
 class BuiltInSynthTest : public ::testing::Test
@@ -73,13 +71,13 @@ TEST_F(BuiltInSynthTest, TheDefaultFontLoadsOnTheWorkerAndProgramsSentBeforeAreK
     EXPECT_EQ(BuiltInSynth::defaultSoundFont(), "/usr/share/sounds/sf2/TimGM6mb.sf2"); // FluidR3_GM not installed here
     synth.start();
     EXPECT_FALSE(synth.isAudible()); // start() does not wait for the font
-    synth.midiSent(packet({0xC2, 40}));
-    synth.midiSent(packet({0x90, 60, 100})); // dropped: nothing to play it yet
+    synth.midiSent(message({0xC2, 40}));
+    synth.midiSent(message({0x90, 60, 100})); // dropped: nothing to play it yet
     ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
     EXPECT_EQ(synth.engine().driverName(), "file");
     EXPECT_EQ(synth.engine().activeVoices(), 0);
     EXPECT_EQ(synth.engine().program(2), 40);
-    synth.midiSent(packet({0x90, 60, 100}));
+    synth.midiSent(message({0x90, 60, 100}));
     EXPECT_GT(synth.engine().activeVoices(), 0);
 }
 
@@ -88,14 +86,14 @@ TEST_F(BuiltInSynthTest, MutedItReleasesItsNotesAtOnceAndDropsNewOnes)
     BuiltInSynth synth(settings, fileOutput());
     synth.start();
     ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
-    synth.midiSent(packet({0x90, 60, 100, 0x90, 64, 100}));
+    synth.midiSent(message({0x90, 60, 100, 0x90, 64, 100}));
     ASSERT_GT(synth.engine().activeVoices(), 0);
     synth.engine().setPlaying(false);
     EXPECT_TRUE(waitFor([&] { return synth.engine().activeVoices() == 0; }, 2s));
-    synth.midiSent(packet({0x90, 67, 100}));
+    synth.midiSent(message({0x90, 67, 100}));
     EXPECT_EQ(synth.engine().activeVoices(), 0);
     synth.engine().setPlaying(true);
-    synth.midiSent(packet({0x90, 67, 100}));
+    synth.midiSent(message({0x90, 67, 100}));
     EXPECT_GT(synth.engine().activeVoices(), 0);
 }
 
@@ -104,15 +102,15 @@ TEST_F(BuiltInSynthTest, AfterTheIdleTimeTheAudioOutputIsSuspendedAndTheNextNote
     BuiltInSynth synth(settings, fileOutput(300ms));
     synth.start();
     ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
-    synth.midiSent(packet({0x90, 60, 100}));
+    synth.midiSent(message({0x90, 60, 100}));
     QCoreApplication::processEvents();
     std::this_thread::sleep_for(400ms);
     QCoreApplication::processEvents();
     EXPECT_FALSE(synth.engine().isSuspended()); // a held note keeps it open
-    synth.midiSent(packet({0x80, 60, 0}));
+    synth.midiSent(message({0x80, 60, 0}));
     ASSERT_TRUE(waitFor([&] { return synth.engine().isSuspended(); }, 10s));
     EXPECT_TRUE(synth.isAudible()); // suspended is still ready to play
-    synth.midiSent(packet({0x90, 62, 100}));
+    synth.midiSent(message({0x90, 62, 100}));
     EXPECT_FALSE(synth.engine().isSuspended());
     EXPECT_GT(synth.engine().activeVoices(), 0);
 }

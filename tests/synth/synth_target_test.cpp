@@ -31,24 +31,21 @@ private:
     }
 };
 
-MidiPacket packet(std::initializer_list<std::uint8_t> bytes)
+std::vector<std::uint8_t> message(std::initializer_list<std::uint8_t> bytes)
 {
-    MidiPacket p;
-    for (const std::uint8_t b : bytes)
-        p.data[p.length++] = b;
-    return p;
+    return bytes;
 }
 
 std::vector<std::string> play(std::initializer_list<std::uint8_t> bytes)
 {
     RecordingTarget target;
-    playPacket(packet(bytes), target);
+    playMessages(message(bytes), target);
     return target.calls;
 }
 
 } // namespace
 
-TEST(PlayPacket, EachChannelMessageBecomesItsCall)
+TEST(PlayMessages, EachChannelMessageBecomesItsCall)
 {
     using V = std::vector<std::string>;
     EXPECT_EQ(play({0x93, 60, 100}), V{"on 3 60 100"});
@@ -62,7 +59,7 @@ TEST(PlayPacket, EachChannelMessageBecomesItsCall)
     EXPECT_EQ(play({0xA0, 60, 30}), V{"key pressure 0 60 30"});
 }
 
-TEST(PlayPacket, SeveralMessagesInOnePacketInOrderAndSystemBytesAndCutOffMessagesSkipped)
+TEST(PlayMessages, SeveralMessagesInOrderAndSystemBytesAndCutOffMessagesSkipped)
 {
     using V = std::vector<std::string>;
     EXPECT_EQ(play({0xB0, 0, 1, 0xC0, 5, 0x90, 62, 90}), (V{"cc 0 0 1", "program 0 5", "on 0 62 90"}));

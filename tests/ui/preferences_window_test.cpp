@@ -206,7 +206,7 @@ TEST_F(PreferencesWindowTest, LeavingAFieldThatWasNotEditedStoresNothing)
 
     // THEN nothing was stored: the default shown is not written by merely leaving
     for (int i = 0; i < 4; ++i)
-        EXPECT_FALSE(stored(FunctionKeyConfig::shared().key(i)));
+        EXPECT_FALSE(stored(kFunctionKeyConfig.key(i)));
 }
 
 TEST_F(PreferencesWindowTest, MovingThePitchSliderTo137Point6AppliesShowsAndStoresIt)
