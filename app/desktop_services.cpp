@@ -7,7 +7,9 @@
 #include "platform/desktop_announcer.h"
 #include "platform/qt_sound_player.h"
 #include "platform/screen_reader_monitor.h"
+#if defined(PLINKORA_HAVE_SPEECHD)
 #include "platform/speech_dispatcher_voice.h"
+#endif
 
 #include <QTimer>
 
@@ -85,10 +87,14 @@ std::unique_ptr<MidiBackend> DesktopServices::makeMidiBackend()
 
 std::unique_ptr<MidiBackend> DesktopServices::addBuiltInSynth(std::unique_ptr<MidiBackend> port)
 {
+#if defined(PLINKORA_HAVE_FLUIDSYNTH)
     // The built-in synthesizer hears what the port sends; its sound font loads on a worker.
     synth_ = std::make_unique<BuiltInSynth>(settings_, std::move(synthOptions_));
     synth_->start();
     return std::make_unique<FanOutBackend>(std::move(port), synth_.get());
+#else
+    return port; // built without FluidSynth: no built-in synthesizer
+#endif
 }
 
 std::unique_ptr<Announcer> DesktopServices::makeAnnouncer()
@@ -97,8 +103,13 @@ std::unique_ptr<Announcer> DesktopServices::makeAnnouncer()
         screenReader_ = std::make_unique<LateScreenReaderDetector>();
         QTimer::singleShot(0, &context_, [detector = screenReader_.get()] { detector->make(); });
     }
-    if (!voice_)
+    if (!voice_) {
+#if defined(PLINKORA_HAVE_SPEECHD)
         voice_ = std::make_unique<SpeechDispatcherVoice>();
+#else
+        voice_ = std::make_unique<SilentVoice>();
+#endif
+    }
     return std::make_unique<DesktopAnnouncer>(*screenReader_, *voice_);
 }
 

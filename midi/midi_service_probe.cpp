@@ -1,23 +1,28 @@
 #include "midi/midi_service_probe.h"
 
+#if defined(PLINKORA_HAVE_JACK)
 #include <jack/jack.h>
+#endif
 
-#if defined(__linux__)
+#if defined(PLINKORA_HAVE_ALSA)
 #include <alsa/asoundlib.h>
+
+#include <unistd.h>
 #endif
 
 #include <cstdlib>
 
-#include <unistd.h>
-
 namespace plinkora {
 
 namespace {
-void dropJackMessage(const char*) {}
-
-#if defined(__linux__)
+#if defined(PLINKORA_HAVE_ALSA)
 void dropAlsaMessage(const char*, int, const char*, int, const char*, ...) {}
 #endif
+} // namespace
+
+#if defined(PLINKORA_HAVE_JACK)
+namespace {
+void dropJackMessage(const char*) {}
 } // namespace
 
 QuietJackMessages::QuietJackMessages()
@@ -50,10 +55,27 @@ bool jackServerRunning()
     jack_client_close(client);
     return true;
 }
+#else
+// Built without JACK: no server can be reached, and there is nothing to quieten.
+QuietJackMessages::QuietJackMessages()
+    : error_(nullptr)
+    , info_(nullptr)
+{
+}
+
+QuietJackMessages::~QuietJackMessages() = default;
+
+void forbidJackServerStart() {}
+
+bool jackServerRunning()
+{
+    return false;
+}
+#endif
 
 bool alsaSequencerAvailable()
 {
-#if defined(__linux__)
+#if defined(PLINKORA_HAVE_ALSA)
     // Without the device there is no sequencer; this spares loading alsa-lib's configuration.
     if (access("/dev/snd/seq", F_OK) != 0)
         return false;
