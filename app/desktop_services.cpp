@@ -7,7 +7,9 @@
 #include "platform/desktop_announcer.h"
 #include "platform/qt_sound_player.h"
 #include "platform/screen_reader_monitor.h"
+#if defined(PLINKORA_HAVE_SPEECHD)
 #include "platform/speech_dispatcher_voice.h"
+#endif
 
 #include <QPointer>
 #include <QTimer>
@@ -102,10 +104,14 @@ std::unique_ptr<MidiBackend> DesktopServices::makeMidiBackend()
 
 std::unique_ptr<MidiBackend> DesktopServices::addBuiltInSynth(std::unique_ptr<MidiBackend> port)
 {
+#if defined(PLINKORA_HAVE_FLUIDSYNTH)
     // The built-in synthesizer hears what the port sends; its sound font loads on a worker.
     synth_ = std::make_unique<BuiltInSynth>(settings_, std::move(synthOptions_));
     synth_->start();
     return std::make_unique<FanOutBackend>(std::move(port), synth_.get());
+#else
+    return port; // built without FluidSynth: no built-in synthesizer
+#endif
 }
 
 std::unique_ptr<Announcer> DesktopServices::makeAnnouncer()
@@ -114,8 +120,13 @@ std::unique_ptr<Announcer> DesktopServices::makeAnnouncer()
         screenReader_ = std::make_unique<LateScreenReaderDetector>();
         QTimer::singleShot(0, &context_, [detector = screenReader_.get()] { detector->make(); });
     }
-    if (!voice_)
+    if (!voice_) {
+#if defined(PLINKORA_HAVE_SPEECHD)
         voice_ = std::make_unique<SpeechDispatcherVoice>();
+#else
+        voice_ = std::make_unique<SilentVoice>();
+#endif
+    }
     auto announcer = std::make_unique<DesktopAnnouncer>(*screenReader_, *voice_);
     // What was to be spoken before the screen-reader question had its answer is spoken then.
     screenReader_->setFirstAnswerCallback([announcer = announcer.get(), alive = QPointer<QObject>(announcer->context())] {

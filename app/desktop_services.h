@@ -12,7 +12,7 @@
 namespace plinkora {
 
 class SettingsStore;
-class SpeechDispatcherVoice;
+class Voice;
 
 /// The real desktop behind the application: the MIDI back end chosen by --midi-api, else by the
 /// setting "MidiApi", else automatically; the Qt Multimedia sound player; the announcer that
@@ -50,7 +50,7 @@ private:
     BuiltInSynth::Options synthOptions_;
     std::unique_ptr<BuiltInSynth> synth_;
     std::unique_ptr<LateScreenReaderDetector> screenReader_;
-    std::unique_ptr<SpeechDispatcherVoice> voice_;
+    std::unique_ptr<Voice> voice_; // speech-dispatcher's where the build has it
     // Context of the deferred work: it dies with this object.
     QObject context_;
 };

@@ -28,6 +28,8 @@
 #include "benders/sound_player.h"
 #include "common/settings_store.h"
 #include "diagnostics_sink.h"
+#include "support/fakes.h"
+#include "support/key_delivery.h"
 #include "input/key_map.h"
 #include "input/key_table.h"
 #include "input/keyboard_monitor.h"
@@ -65,6 +67,8 @@
 
 using namespace plinkora;
 using namespace plinkora::bench;
+using plinkora::testing::kX11ShiftMask;
+using plinkora::testing::LinuxKey;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -104,23 +108,6 @@ public:
     std::uint64_t messages = 0;
 };
 
-class SilentSoundPlayer final : public SoundPlayer
-{
-public:
-    std::optional<std::string> resourcePath() const override { return std::nullopt; }
-    bool play(const std::string&, std::string&) override { return true; }
-};
-
-class SilentAnnouncer final : public Announcer
-{
-public:
-    void postAnnouncement(const QString&) override {}
-    bool isScreenReaderRunning() override { return false; }
-    bool isSpeaking() override { return false; }
-    void stopSpeaking() override {}
-    void speak(const QString&) override {}
-};
-
 /// Installed after Plinkora's filter, so Qt calls it first: takes the time at which a key event
 /// from the window system enters the application's event filters.
 class EntryStamp final : public QObject
@@ -152,46 +139,36 @@ protected:
 // ---------------------------------------------------------------------------------------------
 // The keys, as X11 reports them on a US keyboard.
 
-struct LinuxKey
+constexpr LinuxKey letter(std::uint32_t evdev, const char* lower)
 {
-    std::uint32_t evdev;
-    int qtKey;
-    char text; // 0: none
-    std::uint32_t keysym;
-};
-
-constexpr LinuxKey letter(std::uint32_t evdev, char lower)
-{
-    return {evdev, Qt::Key_A + (lower - 'a'), lower, static_cast<std::uint32_t>(lower)};
+    return {evdev, Qt::Key_A + (lower[0] - 'a'), lower, static_cast<std::uint32_t>(lower[0])};
 }
-constexpr LinuxKey symbol(std::uint32_t evdev, int qtKey, char text)
+constexpr LinuxKey symbol(std::uint32_t evdev, int qtKey, const char* text)
 {
-    return {evdev, qtKey, text, static_cast<std::uint32_t>(static_cast<unsigned char>(text))};
+    return {evdev, qtKey, text, static_cast<std::uint32_t>(static_cast<unsigned char>(text[0]))};
 }
 
 // The 25 note keys (home row, the row above, and the keys that extend it).
 const LinuxKey kNoteKeysLinux[] = {
-    letter(KEY_A, 'a'), letter(KEY_W, 'w'), letter(KEY_S, 's'), letter(KEY_E, 'e'), letter(KEY_D, 'd'),
-    letter(KEY_F, 'f'), letter(KEY_T, 't'), letter(KEY_G, 'g'), letter(KEY_Y, 'y'), letter(KEY_H, 'h'),
-    letter(KEY_U, 'u'), letter(KEY_J, 'j'), letter(KEY_K, 'k'), letter(KEY_O, 'o'), letter(KEY_L, 'l'),
-    letter(KEY_P, 'p'), symbol(KEY_SEMICOLON, Qt::Key_Semicolon, ';'), symbol(KEY_GRAVE, Qt::Key_QuoteLeft, '`'),
-    symbol(KEY_RIGHTBRACE, Qt::Key_BracketRight, ']'), symbol(KEY_APOSTROPHE, Qt::Key_Apostrophe, '\''),
-    letter(KEY_Q, 'q'), letter(KEY_R, 'r'), letter(KEY_I, 'i'), symbol(KEY_LEFTBRACE, Qt::Key_BracketLeft, '['),
-    symbol(KEY_BACKSLASH, Qt::Key_Backslash, '\\'),
+    letter(KEY_A, "a"), letter(KEY_W, "w"), letter(KEY_S, "s"), letter(KEY_E, "e"), letter(KEY_D, "d"),
+    letter(KEY_F, "f"), letter(KEY_T, "t"), letter(KEY_G, "g"), letter(KEY_Y, "y"), letter(KEY_H, "h"),
+    letter(KEY_U, "u"), letter(KEY_J, "j"), letter(KEY_K, "k"), letter(KEY_O, "o"), letter(KEY_L, "l"),
+    letter(KEY_P, "p"), symbol(KEY_SEMICOLON, Qt::Key_Semicolon, ";"), symbol(KEY_GRAVE, Qt::Key_QuoteLeft, "`"),
+    symbol(KEY_RIGHTBRACE, Qt::Key_BracketRight, "]"), symbol(KEY_APOSTROPHE, Qt::Key_Apostrophe, "'"),
+    letter(KEY_Q, "q"), letter(KEY_R, "r"), letter(KEY_I, "i"), symbol(KEY_LEFTBRACE, Qt::Key_BracketLeft, "["),
+    symbol(KEY_BACKSLASH, Qt::Key_Backslash, "\\"),
 };
 // Octaves 3 to 6 (the number row).
 const LinuxKey kOctaveKeysLinux[] = {
-    symbol(KEY_3, Qt::Key_3, '3'), symbol(KEY_4, Qt::Key_4, '4'), symbol(KEY_5, Qt::Key_5, '5'),
-    symbol(KEY_6, Qt::Key_6, '6'),
+    symbol(KEY_3, Qt::Key_3, "3"), symbol(KEY_4, Qt::Key_4, "4"), symbol(KEY_5, Qt::Key_5, "5"),
+    symbol(KEY_6, Qt::Key_6, "6"),
 };
 // The velocity keys (the bottom letter row).
 const LinuxKey kVelocityKeysLinux[] = {
-    letter(KEY_Z, 'z'), letter(KEY_X, 'x'), letter(KEY_C, 'c'), letter(KEY_V, 'v'),
-    letter(KEY_B, 'b'), letter(KEY_N, 'n'), letter(KEY_M, 'm'), symbol(KEY_COMMA, Qt::Key_Comma, ','),
+    letter(KEY_Z, "z"), letter(KEY_X, "x"), letter(KEY_C, "c"), letter(KEY_V, "v"),
+    letter(KEY_B, "b"), letter(KEY_N, "n"), letter(KEY_M, "m"), symbol(KEY_COMMA, Qt::Key_Comma, ","),
 };
-constexpr LinuxKey kLeftShift{KEY_LEFTSHIFT, Qt::Key_Shift, 0, 0xffe1}; // XK_Shift_L
-
-constexpr std::uint32_t kX11ShiftMask = 1;
+constexpr LinuxKey kLeftShift{KEY_LEFTSHIFT, Qt::Key_Shift, "", 0xffe1}; // XK_Shift_L
 
 /// Checks that the keys above are what the key map says they are.
 void checkKeys()
@@ -340,8 +317,7 @@ public:
         for (const Step& step : steps) {
             const Qt::KeyboardModifiers modifiers = filter_.heldModifierFlags() & kShiftFlag ? Qt::ShiftModifier : Qt::NoModifier;
             const std::uint32_t nativeModifiers = modifiers & Qt::ShiftModifier ? kX11ShiftMask : 0;
-            const QString text = step.key->text && !(modifiers & Qt::ShiftModifier) ? QString(QChar(step.key->text))
-                                                                                     : QString();
+            const QString text = modifiers & Qt::ShiftModifier ? QString() : QString::fromLatin1(step.key->text);
             QKeyEvent event(step.press ? QEvent::KeyPress : QEvent::KeyRelease, step.key->qtKey, modifiers,
                             step.key->evdev + kLinuxScanCodeOffset, step.key->keysym, nativeModifiers, text);
             QSpontaneKeyEvent::setSpontaneous(&event);
@@ -500,8 +476,12 @@ int main(int argc, char** argv)
         backend = made.get();
         return made;
     };
-    services.makeSoundPlayer = [] { return std::make_unique<SilentSoundPlayer>(); };
-    services.makeAnnouncer = [] { return std::make_unique<SilentAnnouncer>(); };
+    services.makeSoundPlayer = [] {
+        auto player = std::make_unique<testing::RecordingSoundPlayer>();
+        player->resourceFolder.reset(); // no sound files: nothing is played
+        return player;
+    };
+    services.makeAnnouncer = [] { return std::make_unique<testing::RecordingAnnouncer>(); };
     services.quitEventLoop = [] {};
 
     std::vector<Samples> results(targets.size());

@@ -4,7 +4,8 @@
 #
 # Starts, each privately and stopped by its process id on exit: an X server (Xvfb, on a free
 # display it picks itself), a window manager (openbox, unless --no-wm), a session bus (a
-# dbus-daemon without service activation), and a JACK server with the dummy driver under a
+# dbus-daemon without service activation), the three through the tests' service launcher
+# (tests/support/services.py), and a JACK server with the dummy driver under a
 # private name. Then starts `plinkora --midi-api jack` RUNS times, one after the other, with
 # private HOME and XDG folders, each under startup_probe, which prints the times; the first run
 # warms the caches and is shown but not counted. Prints every run and the median and maximum.
@@ -39,7 +40,7 @@ while [[ $# -gt 0 ]]; do
         --build) build="$2"; shift 2 ;;
         --runs) runs="$2"; shift 2 ;;
         --no-wm) use_wm=0; shift ;;
-        -h|--help) sed -n '2,26p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+        -h|--help) sed -n '2,27p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
         *) echo "startup_bench.sh: unknown option $1" >&2; exit 2 ;;
     esac
 done
@@ -61,7 +62,7 @@ if ! [[ "$runs" =~ ^[1-9][0-9]*$ ]]; then
     echo "startup_bench.sh: --runs needs a positive number" >&2
     exit 2
 fi
-for tool in Xvfb jackd jack_wait dbus-daemon; do
+for tool in Xvfb jackd jack_lsp dbus-daemon /usr/bin/python3; do
     command -v "$tool" >/dev/null || { echo "startup_bench.sh: $tool is missing" >&2; exit 2; }
 done
 if [[ $use_wm -eq 1 ]] && ! command -v openbox >/dev/null; then
@@ -126,37 +127,25 @@ export SPEECHD_CMD=/bin/false SPEECHD_ADDRESS="unix_socket:$work/runtime/no-spee
 mkdir -p "$HOME" "$XDG_CONFIG_HOME" "$XDG_DATA_HOME" "$XDG_CACHE_HOME"
 mkdir -m 700 -p "$XDG_RUNTIME_DIR"
 
-# The X server picks a free display and writes its number when it is ready.
-Xvfb -displayfd 3 -screen 0 1280x1024x24 -nolisten tcp 3>"$work/display" >"$work/xvfb.log" 2>&1 &
-started+=($!)
-wait_for 20 "Xvfb" test -s "$work/display"
-export DISPLAY=":$(head -n 1 "$work/display")"
-
-if [[ $use_wm -eq 1 ]]; then
-    openbox --sm-disable >"$work/openbox.log" 2>&1 &
+# The X server, the window manager and the session bus: the tests' private services, each kept
+# by its launcher (tests/support/services.py) until the launcher is stopped.
+services="$here/../tests/support/services.py"
+start_service() { # start_service NAME ARGS...: starts it and sets service_address
+    local name="$1"
+    shift
+    /usr/bin/python3 "$services" "$name" "$@" >"$work/$name.out" 2>"$work/$name.log" &
     started+=($!)
-    wait_for 20 "openbox" sh -c 'xprop -root _NET_SUPPORTING_WM_CHECK | grep -q "window id"'
-fi
+    wait_for 60 "$name" grep -qx ready "$work/$name.out"
+    service_address="$(sed -n 's/^address //p' "$work/$name.out")"
+}
 
-cat >"$work/session.conf" <<EOF
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:path=$work/runtime/bus</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-EOF
-dbus-daemon --config-file="$work/session.conf" --nofork --nopidfile --print-address=4 \
-    4>"$work/bus-address" >"$work/dbus.log" 2>&1 &
-started+=($!)
-wait_for 20 "the session bus" test -s "$work/bus-address"
-export DBUS_SESSION_BUS_ADDRESS="$(head -n 1 "$work/bus-address")"
+start_service x-server
+export DISPLAY="$service_address"
+if [[ $use_wm -eq 1 ]]; then
+    start_service window-manager --display "$DISPLAY" --folder "$work/openbox"
+fi
+start_service session-bus --folder "$work/session-bus"
+export DBUS_SESSION_BUS_ADDRESS="$service_address"
 
 jack_name="plk-startup-$$"
 export JACK_DEFAULT_SERVER="$jack_name" JACK_NO_AUDIO_RESERVATION=1 JACK_NO_START_SERVER=1

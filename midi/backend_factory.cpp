@@ -2,15 +2,17 @@
 
 #include "common/diagnostics.h"
 #include "midi/jack_cycle_watch.h"
-#include "midi/jack_patchbay.h"
 #include "midi/midi_service_probe.h"
 #include "midi/null_backend.h"
 #include "midi/null_patchbay.h"
 #include "midi/port_name.h"
 #include "midi/rtmidi_backend.h"
 
-#if defined(__linux__)
+#if defined(PLINKORA_HAVE_ALSA)
 #include "midi/alsa_patchbay.h"
+#endif
+#if defined(PLINKORA_HAVE_JACK)
+#include "midi/jack_patchbay.h"
 #endif
 
 namespace plinkora {
@@ -48,12 +50,14 @@ std::unique_ptr<MidiBackend> makeBackend(MidiApiKind kind, std::unique_ptr<JackC
 std::unique_ptr<MidiPatchbay> makePatchbay(MidiApiKind kind)
 {
     switch (kind) {
-#if defined(__linux__)
+#if defined(PLINKORA_HAVE_ALSA)
     case MidiApiKind::Alsa:
         return std::make_unique<AlsaPatchbay>();
 #endif
+#if defined(PLINKORA_HAVE_JACK)
     case MidiApiKind::Jack:
         return std::make_unique<JackPatchbay>();
+#endif
     default:
         break;
     }

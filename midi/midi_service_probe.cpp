@@ -1,26 +1,33 @@
 #include "midi/midi_service_probe.h"
 
+#if defined(PLINKORA_HAVE_JACK)
 #include <jack/jack.h>
 
-#if defined(__linux__)
+#include <dlfcn.h>
+#include <unistd.h>
+#endif
+
+#if defined(PLINKORA_HAVE_ALSA)
 #include <alsa/asoundlib.h>
+
+#include <unistd.h>
 #endif
 
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include <dlfcn.h>
-#include <unistd.h>
-
 namespace plinkora {
 
 namespace {
-void dropJackMessage(const char*) {}
-
-#if defined(__linux__)
+#if defined(PLINKORA_HAVE_ALSA)
 void dropAlsaMessage(const char*, int, const char*, int, const char*, ...) {}
 #endif
+} // namespace
+
+#if defined(PLINKORA_HAVE_JACK)
+namespace {
+void dropJackMessage(const char*) {}
 } // namespace
 
 QuietJackMessages::QuietJackMessages()
@@ -57,10 +64,27 @@ bool pipeWireJackAvailable()
     const std::string socket = std::string(directory) + '/' + (remote && *remote ? remote : "pipewire-0");
     return access(socket.c_str(), F_OK) == 0;
 }
+#else
+// Built without JACK: no server can be reached, and there is nothing to quieten.
+QuietJackMessages::QuietJackMessages()
+    : error_(nullptr)
+    , info_(nullptr)
+{
+}
+
+QuietJackMessages::~QuietJackMessages() = default;
+
+void forbidJackServerStart() {}
+
+bool pipeWireJackAvailable()
+{
+    return false;
+}
+#endif
 
 bool alsaSequencerAvailable()
 {
-#if defined(__linux__)
+#if defined(PLINKORA_HAVE_ALSA)
     // Without the device there is no sequencer; this spares loading alsa-lib's configuration.
     if (access("/dev/snd/seq", F_OK) != 0)
         return false;

@@ -5,7 +5,7 @@
 
 #include <RtMidi.h>
 
-#if defined(__linux__)
+#if defined(PLINKORA_HAVE_ALSA)
 #include "midi/alsa_announcements.h"
 
 #include <alsa/asoundlib.h>
@@ -66,7 +66,7 @@ struct RtMidiBackend::State
 {
     System system;
     std::unique_ptr<JackCycleWatch> jackWatch; // JACK only
-#if defined(__linux__)
+#if defined(PLINKORA_HAVE_ALSA)
     // ALSA only, while the port is published: hears the sequencer say that PLK's client ended.
     std::unique_ptr<AlsaAnnouncements> alsaWatch;
     std::atomic<int> alsaClient{-1};
@@ -102,7 +102,7 @@ struct RtMidiBackend::State
     }
 };
 
-#if defined(__linux__)
+#if defined(PLINKORA_HAVE_ALSA)
 namespace {
 // The sequencer client "PLK" of RtMidi ends only with the back end, or when the sequencer
 // loses it: a watch client hears that from the sequencer's announcements.
@@ -222,7 +222,7 @@ MidiStatus RtMidiBackend::createSource(std::uint32_t client, std::string_view na
         return kStatusSourceFailed;
     s.sourceOpen = true;
     source = kSourceReference;
-#if defined(__linux__)
+#if defined(PLINKORA_HAVE_ALSA)
     if (s.system == System::AlsaSequencer)
         watchAlsaClient(s, name);
 #endif
@@ -271,7 +271,7 @@ void RtMidiBackend::disposeSource(std::uint32_t source)
         return;
     s.sourceOpen = false;
     printTally(s);
-#if defined(__linux__)
+#if defined(PLINKORA_HAVE_ALSA)
     s.alsaWatch.reset(); // PLK's client ending now is no loss
 #endif
     if (!s.jackWatch) {

@@ -18,6 +18,16 @@ public:
     virtual void speak(const QString& text) = 0;
 };
 
+/// The voice where Plinkora has no speech service to use (a build without speech-dispatcher):
+/// says nothing; announcements still reach the label and the screen readers.
+class SilentVoice final : public Voice
+{
+public:
+    bool isSpeaking() const override { return false; }
+    void stop() override {}
+    void speak(const QString&) override {}
+};
+
 /// Tells whether a screen reader runs. Must answer at once (no blocking call).
 class ScreenReaderDetector
 {

@@ -3,8 +3,10 @@
 # builds Plinkora with warnings as errors, and runs every test;
 # then builds it a second time with AddressSanitizer and UndefinedBehaviorSanitizer (build-asan/)
 # and runs every test again there, the JACK, desktop and accessibility tests included, any
-# sanitizer report failing the run; then runs each fuzzer of fuzz/ for a fixed time.
-# Usage: bash scripts/test.sh            (build directories: build/, build-asan/, build-fuzz/)
+# sanitizer report failing the run; then builds the engine with every Linux-only facility
+# switched off (build-portable/: no JACK, ALSA, speech-dispatcher, X11 or FluidSynth, as on
+# macOS or Windows) and runs its unit tests there; then runs each fuzzer of fuzz/ for a fixed time.
+# Usage: bash scripts/test.sh   (build directories: build/, build-asan/, build-portable/, build-fuzz/)
 # PLINKORA_FUZZ_SECONDS sets the fuzzing time per target (default 60; 0 skips fuzzing).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -48,6 +50,18 @@ export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 (cd "$asan" && ctest --output-on-failure --timeout 900 -j"$jobs" -E "^packaging_deb$")
 unset ASAN_OPTIONS LSAN_OPTIONS UBSAN_OPTIONS
 echo "== sanitizer build and tests: $((SECONDS - began)) s"
+
+# Without the Linux-only facilities: the engine and its unit tests only (the desktop's tests
+# need the Linux desktop services).
+began=$SECONDS
+portable=${PLINKORA_PORTABLE_BUILD_DIR:-build-portable}
+cmake -S . -B "$portable" -DCMAKE_BUILD_TYPE=Debug -DPLINKORA_WERROR=ON -DPLINKORA_BUILD_BENCH=OFF \
+    -DPLINKORA_WITH_JACK=OFF -DPLINKORA_WITH_ALSA=OFF -DPLINKORA_WITH_SPEECHD=OFF -DPLINKORA_WITH_X11=OFF \
+    -DPLINKORA_WITH_FLUIDSYNTH=OFF
+engine_tests=(midi_test midi_allocation_test midi_connections_test input_test key_table_test benders_test properties_test)
+cmake --build "$portable" -j"$(nproc)" --target "${engine_tests[@]}"
+(cd "$portable" && ctest --output-on-failure --timeout 300 -j"$jobs" -E "_NOT_BUILT$")
+echo "== build without the Linux-only facilities, engine tests: $((SECONDS - began)) s"
 
 fuzz_seconds=${PLINKORA_FUZZ_SECONDS:-60}
 if [ "$fuzz_seconds" -gt 0 ]; then

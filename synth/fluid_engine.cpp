@@ -4,7 +4,9 @@
 #include "midi/midi_service_probe.h"
 #include "midi/port_name.h"
 
+#if defined(PLINKORA_HAVE_ALSA)
 #include <alsa/asoundlib.h>
+#endif
 #include <fluidsynth.h>
 
 #include <QMetaObject>
@@ -65,6 +67,7 @@ bool jackServerSocketExists()
     return access(socket.c_str(), F_OK) == 0;
 }
 
+#if defined(PLINKORA_HAVE_ALSA)
 void dropAlsaMessage(const char*, int, const char*, int, const char*, ...) {}
 
 // alsa-lib prints several lines of its own when there is no sound card; the failure is said in
@@ -77,6 +80,11 @@ public:
     QuietAlsa(const QuietAlsa&) = delete;
     QuietAlsa& operator=(const QuietAlsa&) = delete;
 };
+#else
+class QuietAlsa // no alsa-lib in this build: nothing to quieten
+{
+};
+#endif
 
 } // namespace
 

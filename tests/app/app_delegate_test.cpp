@@ -7,7 +7,7 @@
 #include "benders/bender_controller.h"
 #include "common/settings_store.h"
 #include "input/keyboard_monitor.h"
-#include "key_delivery.h"
+#include "support/key_delivery.h"
 #include "midi/connection_keeper.h"
 #include "midi/midi_manager.h"
 #include "midi/recording_backend.h"

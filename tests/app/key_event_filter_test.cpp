@@ -1,6 +1,6 @@
 #include "app/key_event_filter.h"
 
-#include "key_delivery.h"
+#include "support/key_delivery.h"
 #include "support/engine_fixture.h"
 
 #include <QLineEdit>

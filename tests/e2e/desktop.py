@@ -5,7 +5,8 @@ the dummy driver, a JACK MIDI receiver listening to PLK:PLK, and plinkora itself
 keys through the X server with xdotool; and stops everything it started by process id, also
 when a test fails.
 
-Paths come from the environment (CTest sets them): PLINKORA_BIN, PLINKORA_RECEIVER.
+Paths come from the environment (CTest sets them): PLINKORA_BIN, PLINKORA_RECEIVER. The X server,
+the window manager and the process helper come from tests/support/services.py.
 """
 
 import fcntl
@@ -14,96 +15,13 @@ import re
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
-import threading
 import time
 
-DEFAULT_TIMEOUT = 20.0
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 
-
-class Process:
-    """A child process whose standard output lines are collected by a thread."""
-
-    def __init__(self, name, argv, env=None, capture=True):
-        self.name = name
-        self.lines = []
-        self._cond = threading.Condition()
-        self.proc = subprocess.Popen(
-            argv,
-            env=env,
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE if capture else subprocess.DEVNULL,
-            stderr=subprocess.PIPE if capture else subprocess.DEVNULL,
-            text=True,
-            bufsize=1,
-            start_new_session=True,
-        )
-        self.stderr_lines = []
-        if capture:
-            threading.Thread(target=self._read, args=(self.proc.stdout, self.lines), daemon=True).start()
-            threading.Thread(target=self._read, args=(self.proc.stderr, self.stderr_lines), daemon=True).start()
-
-    @property
-    def pid(self):
-        return self.proc.pid
-
-    def _read(self, stream, into):
-        for line in stream:
-            with self._cond:
-                into.append(line.rstrip("\n"))
-                self._cond.notify_all()
-        with self._cond:
-            self._cond.notify_all()
-
-    def wait_for_line(self, pattern, timeout=DEFAULT_TIMEOUT, start=0):
-        """Index of the first line from `start` on that matches the regular expression."""
-        regex = re.compile(pattern)
-        deadline = time.monotonic() + timeout
-        with self._cond:
-            while True:
-                for i in range(start, len(self.lines)):
-                    if regex.search(self.lines[i]):
-                        return i
-                remaining = deadline - time.monotonic()
-                if remaining <= 0:
-                    raise AssertionError(
-                        f"{self.name}: no line matching {pattern!r} within {timeout} s; "
-                        f"stdout: {self.lines[-40:]}; stderr: {self.stderr_lines[-20:]}")
-                self._cond.wait(min(remaining, 0.2))
-
-    def snapshot(self):
-        with self._cond:
-            return list(self.lines)
-
-    def running(self):
-        return self.proc.poll() is None
-
-    def send_signal(self, sig):
-        if self.running():
-            os.kill(self.proc.pid, sig)
-
-    def wait(self, timeout=DEFAULT_TIMEOUT):
-        return self.proc.wait(timeout=timeout)
-
-    def stop(self, sig=signal.SIGTERM, timeout=10.0):
-        """Stops the process by its id: `sig`, then SIGKILL if it does not end in time."""
-        if self.proc.poll() is None:
-            try:
-                os.kill(self.proc.pid, sig)
-                self.proc.wait(timeout=timeout)
-            except subprocess.TimeoutExpired:
-                os.kill(self.proc.pid, signal.SIGKILL)
-                self.proc.wait(timeout=10)
-            except ProcessLookupError:
-                pass
-        for stream in (self.proc.stdout, self.proc.stderr):
-            if stream:
-                try:
-                    stream.close()
-                except OSError:
-                    pass
-        return self.proc.returncode
-
+from services import DEFAULT_TIMEOUT, Process, WindowManager, XServer, wait_until  # noqa: E402,F401
 
 class Desktop:
     """Xvfb + openbox + private JACK + receiver; plinkora started on demand."""
@@ -220,22 +138,10 @@ class Desktop:
         return process
 
     def _start_display(self):
-        read_fd, write_fd = os.pipe()
-        xvfb = subprocess.Popen(
-            ["Xvfb", "-displayfd", str(write_fd), "-screen", "0", "1280x900x24", "-nolisten", "tcp", "-ac"],
-            pass_fds=(write_fd,), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            start_new_session=True)
-        os.close(write_fd)
-        wrapper = Process.__new__(Process)
-        wrapper.name, wrapper.proc, wrapper.lines, wrapper.stderr_lines = "Xvfb", xvfb, [], []
-        wrapper._cond = threading.Condition()
-        self.processes.append(wrapper)
-        with os.fdopen(read_fd) as f:
-            number = f.readline().strip()
-        if not number:
-            raise AssertionError("Xvfb did not start")
-        self.env["DISPLAY"] = f":{number}"
-        self._spawn("openbox", ["openbox", "--sm-disable"], capture=False)
+        x_server = XServer()
+        self.processes.append(x_server)
+        self.env["DISPLAY"] = x_server.display
+        self.processes.append(WindowManager(x_server.display, env=self.env))
         time.sleep(0.5)  # openbox takes over focus handling
 
     def _start_jack(self):
@@ -366,9 +272,4 @@ class Desktop:
 
     @staticmethod
     def wait_until(condition, timeout=DEFAULT_TIMEOUT, what="a condition", interval=0.05):
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            if condition():
-                return
-            time.sleep(interval)
-        raise AssertionError(f"timed out after {timeout} s waiting for {what}")
+        wait_until(condition, timeout=timeout, what=what, interval=interval)

@@ -181,7 +181,7 @@ protected:
             return;
         if (!PrivateOrca::canIsolate() && runCommand({"pgrep", "-x", "orca"}).exitCode == 0)
             GTEST_SKIP() << "another Orca runs and this one cannot be kept apart from it";
-        display_ = std::make_unique<PrivateXServer>(folder_.path() / "xvfb.log");
+        display_ = std::make_unique<PrivateXServer>();
         accessibility_ = std::make_unique<AccessibilityBus>(*sessionBus_, folder_.subfolder("run"), display_->display());
         speech_ = std::make_unique<PrivateSpeechDispatcher>(folder_.path() / "orca-speech",
                                                             PrivateSpeechDispatcher::Options{200ms});
@@ -268,15 +268,15 @@ TEST_F(OrcaTest, OrcaSpeaksTheAnnouncements)
 
     const fs::path control = folder_.path() / "announce-control";
     std::ofstream(control).close();
-    ChildProcess window({PLINKORA_ANNOUNCE_WINDOW, control.string()},
-                        {{"DISPLAY", display_->display()},
-                         {"DBUS_SESSION_BUS_ADDRESS", sessionBus_->address()},
-                         {"AT_SPI_BUS_ADDRESS", std::nullopt},
-                         {"QT_QPA_PLATFORM", "xcb"},
-                         {"QT_LINUX_ACCESSIBILITY_ALWAYS_ON", std::nullopt},
-                         {"QT_ACCESSIBILITY", std::nullopt},
-                         {"XDG_RUNTIME_DIR", folder_.subfolder("window-run").string()}},
-                        folder_.path() / "window.log");
+    const auto window = ChildProcess::start(PLINKORA_ANNOUNCE_WINDOW,
+                                            childOptions({control.string()},
+                                                         {{"DISPLAY", display_->display()},
+                                                          {"DBUS_SESSION_BUS_ADDRESS", sessionBus_->address()},
+                                                          {"AT_SPI_BUS_ADDRESS", std::nullopt},
+                                                          {"QT_QPA_PLATFORM", "xcb"},
+                                                          {"QT_LINUX_ACCESSIBILITY_ALWAYS_ON", std::nullopt},
+                                                          {"QT_ACCESSIBILITY", std::nullopt},
+                                                          {"XDG_RUNTIME_DIR", folder_.subfolder("window-run").string()}}));
     // What Orca says reaches the private speech service at once (its debug log is written in
     // blocks, later). Orca says the texts alone (with a full stop at the end).
     const auto orcaSaid = [&](const std::string& text) {
@@ -292,7 +292,7 @@ TEST_F(OrcaTest, OrcaSpeaksTheAnnouncements)
         std::string text = "Orca said:";
         for (const auto& utterance : speech_->utterances())
             text += " [" + utterance.text + "]";
-        return text + "; the window's log: " + (folder_.path() / "window.log").string();
+        return text + "; " + window->describe();
     };
     // Orca presents the new window (its title) once it has noticed it.
     ASSERT_TRUE(waitUntil([&] { return orcaSaid("Plinkora announcement test frame"); }, 40s, 20ms))
@@ -305,7 +305,7 @@ TEST_F(OrcaTest, OrcaSpeaksTheAnnouncements)
             << "Orca did not say \"" << text << "\". " << whatOrcaSaid();
     }
     std::ofstream(control, std::ios::app) << "quit\n";
-    EXPECT_TRUE(window.waitForExit(10s));
+    EXPECT_TRUE(window->waitForExit(10s).has_value());
 }
 
 } // namespace

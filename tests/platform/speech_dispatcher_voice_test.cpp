@@ -193,14 +193,15 @@ TEST_F(SpeechDispatcherVoiceTest, StopCancelsOnlyItsOwnSpeech)
     ASSERT_TRUE(waitUntil([&] { return anyContains(service_->commandsOf(kClient), "CANCEL"); }, 5s));
 
     // Another program's speech, on its own connection, goes on.
-    ChildProcess other({"spd-say", "--wait", "--priority", "message", "Another program speaks"},
-                       {{"SPEECHD_ADDRESS", service_->address()}, {"SPEECHD_CMD", "/nonexistent/speech-dispatcher"}},
-                       folder_.path() / "spd-say.log");
+    const auto other = ChildProcess::start(
+        "spd-say", childOptions({"--wait", "--priority", "message", "Another program speaks"},
+                                {{"SPEECHD_ADDRESS", service_->address()},
+                                 {"SPEECHD_CMD", "/nonexistent/speech-dispatcher"}}));
     ASSERT_TRUE(waitUntilSaid("Another program speaks", false));
     voice.speak(QStringLiteral("Channel: 3"));
     voice.stop();
     EXPECT_TRUE(waitUntilSaid("Another program speaks", true));
-    EXPECT_TRUE(other.waitForExit(10s));
+    EXPECT_TRUE(other->waitForExit(10s).has_value());
     EXPECT_FALSE(said("Velocity: 100")->finished);
     const auto channel = said("Channel: 3");
     EXPECT_TRUE(!channel || !channel->finished);

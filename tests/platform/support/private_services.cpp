@@ -11,21 +11,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <limits>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-extern char** environ;
 
 namespace plinkora::testing {
 
@@ -39,32 +31,11 @@ std::string readFile(const fs::path& path)
     return text.str();
 }
 
-void writeFile(const fs::path& path, const std::string& text, fs::perms permissions = fs::perms::owner_read | fs::perms::owner_write)
-{
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file << text;
-    file.close();
-    fs::permissions(path, permissions);
-}
-
 fs::path makePrivateFolder(const fs::path& path)
 {
     fs::create_directories(path);
     fs::permissions(path, fs::perms::owner_all);
     return path;
-}
-
-bool unixSocketAccepts(const fs::path& path)
-{
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return false;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    const bool ok = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return ok;
 }
 
 std::string trim(std::string text)
@@ -77,32 +48,11 @@ std::string trim(std::string text)
     return text.substr(start);
 }
 
-// `busctl call` prints the reply as "s \"text\"" or "u 1234".
-std::string busctlString(const std::string& reply)
+std::string seconds(std::chrono::milliseconds time)
 {
-    const auto first = reply.find('"');
-    const auto last = reply.rfind('"');
-    if (first == std::string::npos || last <= first)
-        return {};
-    return reply.substr(first + 1, last - first - 1);
-}
-
-pid_t busctlPid(const std::string& reply)
-{
-    std::istringstream in(reply);
-    std::string type;
-    long pid = -1;
-    in >> type >> pid;
-    return type == "u" ? static_cast<pid_t>(pid) : -1;
-}
-
-pid_t connectionPid(const std::string& busAddress, const std::string& name)
-{
-    const CommandResult result = runCommand(
-        {"busctl", "--address=" + busAddress, "call", "org.freedesktop.DBus", "/org/freedesktop/DBus",
-         "org.freedesktop.DBus", "GetConnectionUnixProcessID", "s", name},
-        {}, 10s);
-    return result.exitCode == 0 ? busctlPid(result.output) : -1;
+    char text[32];
+    std::snprintf(text, sizeof text, "%.3f", static_cast<double>(time.count()) / 1000.0);
+    return text;
 }
 
 } // namespace
@@ -158,128 +108,47 @@ fs::path TempDir::subfolder(const std::string& name) const
     return makePrivateFolder(path_ / name);
 }
 
-// --- ChildProcess --------------------------------------------------------------------------
+// --- Commands ------------------------------------------------------------------------------
 
-ChildProcess::ChildProcess(const std::vector<std::string>& argv, const Environment& environment,
-                           const fs::path& outputFile, const std::vector<int>& inheritedFds)
+ChildProcess::Options childOptions(const std::vector<std::string>& arguments, const Environment& environment)
 {
-    if (argv.empty())
-        throw std::invalid_argument("ChildProcess: no command");
-    // Everything the child needs is prepared before fork(): after it, only async-signal-safe calls.
-    std::vector<std::string> environmentStrings;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string text(*entry);
-        const std::string name = text.substr(0, text.find('='));
-        const bool changed = std::any_of(environment.begin(), environment.end(),
-                                         [&](const auto& change) { return change.first == name; });
-        if (!changed)
-            environmentStrings.push_back(text);
-    }
+    ChildProcess::Options options;
+    options.arguments = arguments;
     for (const auto& [name, value] : environment) {
         if (value)
-            environmentStrings.push_back(name + "=" + *value);
+            options.environment.emplace_back(name, *value);
+        else
+            options.unsetEnvironment.push_back(name);
     }
-    std::vector<char*> envp;
-    for (std::string& text : environmentStrings)
-        envp.push_back(text.data());
-    envp.push_back(nullptr);
-    std::vector<std::string> arguments = argv;
-    std::vector<char*> args;
-    for (std::string& text : arguments)
-        args.push_back(text.data());
-    args.push_back(nullptr);
-
-    const int nullFd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-    const int outFd = outputFile.empty()
-        ? -1
-        : ::open(outputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    const pid_t parent = ::getpid();
-
-    pid_ = ::fork();
-    if (pid_ < 0)
-        throw std::runtime_error("fork failed: " + std::string(std::strerror(errno)));
-    if (pid_ == 0) {
-        // Dies with the test process, even when that is killed.
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (::getppid() != parent)
-            ::_exit(126);
-        sigset_t none;
-        sigemptyset(&none);
-        ::sigprocmask(SIG_SETMASK, &none, nullptr);
-        ::signal(SIGPIPE, SIG_DFL);
-        ::dup2(nullFd, STDIN_FILENO);
-        ::dup2(outFd >= 0 ? outFd : nullFd, STDOUT_FILENO);
-        ::dup2(outFd >= 0 ? outFd : nullFd, STDERR_FILENO);
-        for (const int fd : inheritedFds)
-            ::fcntl(fd, F_SETFD, 0);
-        ::execvpe(args[0], args.data(), envp.data());
-        ::_exit(127);
-    }
-    ::close(nullFd);
-    if (outFd >= 0)
-        ::close(outFd);
-}
-
-ChildProcess::~ChildProcess()
-{
-    stop();
-}
-
-bool ChildProcess::reap(bool block)
-{
-    if (exitCode_)
-        return true;
-    int status = 0;
-    const pid_t result = ::waitpid(pid_, &status, block ? 0 : WNOHANG);
-    if (result == pid_) {
-        exitCode_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        return true;
-    }
-    if (result < 0 && errno == ECHILD) {
-        exitCode_ = -1;
-        return true;
-    }
-    return false;
-}
-
-bool ChildProcess::isRunning()
-{
-    return !reap(false);
-}
-
-bool ChildProcess::waitForExit(std::chrono::milliseconds timeout)
-{
-    return waitUntil([this] { return reap(false); }, timeout, 5ms);
-}
-
-void ChildProcess::stop(int signal, std::chrono::milliseconds grace)
-{
-    if (pid_ <= 0 || reap(false))
-        return;
-    ::kill(pid_, signal);
-    if (waitForExit(grace))
-        return;
-    ::kill(pid_, SIGKILL);
-    reap(true);
+    return options;
 }
 
 CommandResult runCommand(const std::vector<std::string>& argv, const Environment& environment,
                          std::chrono::milliseconds timeout)
 {
-    char pattern[] = "/tmp/plinkora-command-XXXXXX";
-    const int fd = ::mkstemp(pattern);
-    if (fd >= 0)
-        ::close(fd);
+    if (argv.empty())
+        throw std::invalid_argument("runCommand: no command");
     CommandResult result;
-    {
-        ChildProcess process(argv, environment, pattern);
-        if (process.waitForExit(timeout))
-            result.exitCode = *process.exitCode();
-        else
-            process.stop(SIGKILL, 1s);
+    std::unique_ptr<ChildProcess> process;
+    try {
+        process = ChildProcess::start(argv.front(),
+                                      childOptions(std::vector<std::string>(argv.begin() + 1, argv.end()), environment));
+    } catch (const std::runtime_error& error) {
+        result.exitCode = 127;
+        result.output = error.what();
+        return result;
     }
-    result.output = readFile(pattern);
-    ::unlink(pattern);
+    if (const auto status = process->waitForExit(timeout))
+        result.exitCode = *status;
+    else
+        process->stop(1s);
+    // What it wrote is all read once its pipes end.
+    constexpr auto kAll = std::numeric_limits<std::size_t>::max();
+    process->waitForLineCount(kAll, 2s, ChildProcess::Stream::Output);
+    process->waitForLineCount(kAll, 2s, ChildProcess::Stream::Error);
+    for (const auto stream : {ChildProcess::Stream::Output, ChildProcess::Stream::Error})
+        for (const std::string& line : process->lines(stream))
+            result.output += line + "\n";
     return result;
 }
 
@@ -297,111 +166,73 @@ bool programExists(const std::string& program)
     return false;
 }
 
-void becomeSubreaper()
+// --- PrivateService ------------------------------------------------------------------------
+
+std::vector<std::string> PrivateService::launcherCommand()
 {
-    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+    return {"/usr/bin/python3", PLINKORA_SERVICES_LAUNCHER};
 }
 
-bool processAlive(pid_t pid)
+PrivateService::PrivateService(const std::string& service, const std::vector<std::string>& arguments,
+                               std::chrono::milliseconds timeout)
 {
-    if (pid <= 0)
-        return false;
-    int status = 0;
-    if (::waitpid(pid, &status, WNOHANG) == pid)
-        return false; // it was ours (as the reaper of orphans) and has ended
-    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
-    if (stat.empty())
-        return false;
-    const auto close = stat.rfind(')');
-    return close == std::string::npos || close + 2 >= stat.size() || stat[close + 2] != 'Z';
+    const std::vector<std::string> command = launcherCommand();
+    ChildProcess::Options options;
+    options.arguments.assign(command.begin() + 1, command.end());
+    options.arguments.push_back(service);
+    options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
+    launcher_ = ChildProcess::start(command.front(), options);
+    const auto ready = launcher_->waitForLine(
+        [](const std::string& line) { return line == "ready" || line.rfind("failed", 0) == 0; }, timeout);
+    if (!ready || launcher_->lines()[*ready] != "ready") {
+        const std::string what = "the private " + service + " did not start: " + launcher_->describe();
+        const int status = launcher_->stop(5s);
+        throw Failed(what, status);
+    }
+    const std::vector<std::string> lines = launcher_->lines();
+    for (std::size_t i = 0; i < *ready; ++i) {
+        const auto space = lines[i].find(' ');
+        facts_.emplace_back(lines[i].substr(0, space), space == std::string::npos ? std::string() : lines[i].substr(space + 1));
+    }
+    address_ = fact("address");
+    const std::string pid = fact("pid");
+    pid_ = pid.empty() ? -1 : static_cast<pid_t>(std::stol(pid));
 }
 
-void stopProcessById(pid_t pid, int signal, std::chrono::milliseconds grace)
+PrivateService::~PrivateService()
 {
-    if (!processAlive(pid))
-        return;
-    ::kill(pid, signal);
-    if (waitUntil([pid] { return !processAlive(pid); }, grace, 5ms))
-        return;
-    ::kill(pid, SIGKILL);
-    waitUntil([pid] { return !processAlive(pid); }, 5s, 5ms);
+    // The launcher stops its service first (Orca's namespace and speech-dispatcher's module may
+    // take a few seconds), then ends.
+    launcher_->stop(20s);
 }
 
-// --- PrivateSessionBus ---------------------------------------------------------------------
+std::string PrivateService::fact(const std::string& key) const
+{
+    for (const auto& [name, value] : facts_)
+        if (name == key)
+            return value;
+    return {};
+}
+
+// --- The services ----------------------------------------------------------------------------
 
 PrivateSessionBus::PrivateSessionBus(const fs::path& folder)
+    : service_("session-bus", {"--folder", folder.string()})
 {
-    makePrivateFolder(folder);
-    const fs::path socket = folder / "session_bus_socket";
-    const fs::path config = folder / "session.conf";
-    writeFile(config,
-              "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-              " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-              "<busconfig>\n"
-              "  <type>session</type>\n"
-              "  <listen>unix:path=" + socket.string() + "</listen>\n"
-              "  <auth>EXTERNAL</auth>\n"
-              "  <policy context=\"default\">\n"
-              "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-              "    <allow eavesdrop=\"true\"/>\n"
-              "    <allow own=\"*\"/>\n"
-              "  </policy>\n"
-              "</busconfig>\n");
-    address_ = "unix:path=" + socket.string();
-    process_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"dbus-daemon", "--config-file=" + config.string(), "--nofork", "--nopidfile"},
-        Environment{}, folder / "dbus-daemon.log");
-    if (!waitUntil([&] { return unixSocketAccepts(socket); }, 10s))
-        throw std::runtime_error("the private session bus did not start; see " + (folder / "dbus-daemon.log").string());
 }
-
-PrivateSessionBus::~PrivateSessionBus() = default;
-
-// --- AccessibilityBus ----------------------------------------------------------------------
 
 AccessibilityBus::AccessibilityBus(const PrivateSessionBus& sessionBus, const fs::path& runtimeFolder,
                                    const std::string& display)
     : sessionAddress_(sessionBus.address())
+    , service_("accessibility-bus",
+               {"--folder", runtimeFolder.string(), "--session-bus", sessionBus.address(), "--display", display})
 {
-    becomeSubreaper();
-    makePrivateFolder(runtimeFolder);
-    launcher_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"/usr/libexec/at-spi-bus-launcher", "--launch-immediately"},
-        Environment{{"DBUS_SESSION_BUS_ADDRESS", sessionAddress_},
-                    {"XDG_RUNTIME_DIR", runtimeFolder.string()},
-                    {"DISPLAY", display.empty() ? std::nullopt : std::optional(display)},
-                    {"AT_SPI_BUS_ADDRESS", std::nullopt},
-                    // No dconf service on the private bus: settings from memory.
-                    {"GSETTINGS_BACKEND", "memory"}},
-        runtimeFolder / "at-spi-bus-launcher.log");
-    const bool up = waitUntil(
-        [&] {
-            const CommandResult reply = runCommand({"busctl", "--address=" + sessionAddress_, "call", "org.a11y.Bus",
-                                                    "/org/a11y/bus", "org.a11y.Bus", "GetAddress"},
-                                                   {}, 10s);
-            if (reply.exitCode == 0)
-                address_ = busctlString(reply.output);
-            return !address_.empty();
-        },
-        20s, 50ms);
-    if (!up)
-        throw std::runtime_error("at-spi-bus-launcher did not offer the accessibility bus");
-    busDaemonPid_ = connectionPid(address_, "org.freedesktop.DBus");
-    // Start the registry now (the bus starts it on the first call), so that it is there to stop.
-    runCommand({"busctl", "--address=" + address_, "call", "org.a11y.atspi.Registry", "/org/a11y/atspi/registry",
-                "org.a11y.atspi.Registry", "GetRegisteredEvents"},
-               {}, 20s);
-    registryPid_ = connectionPid(address_, "org.a11y.atspi.Registry");
-    if (registryPid_ <= 0)
-        throw std::runtime_error("the AT-SPI registry did not start on the accessibility bus");
 }
 
-AccessibilityBus::~AccessibilityBus()
+pid_t AccessibilityBus::registryPid() const
 {
-    // The registry outlives the launcher on its own: stop it first, by its process id.
-    stopProcessById(registryPid_, SIGTERM, 5s);
-    launcher_->stop(SIGTERM, 5s);
-    stopProcessById(busDaemonPid_, SIGTERM, 5s);
+    const std::string pid = service_.fact("registry");
+    return pid.empty() ? -1 : static_cast<pid_t>(std::stol(pid));
 }
 
 void AccessibilityBus::setScreenReaderEnabled(bool enabled) const
@@ -414,71 +245,15 @@ void AccessibilityBus::setScreenReaderEnabled(bool enabled) const
         throw std::runtime_error("busctl set-property failed: " + result.output);
 }
 
-// --- PrivateXServer ------------------------------------------------------------------------
-
-PrivateXServer::PrivateXServer(const fs::path& logFile)
+PrivateXServer::PrivateXServer()
+    : service_("x-server", {})
 {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0)
-        throw std::runtime_error("pipe failed");
-    process_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"Xvfb", "-displayfd", std::to_string(fds[1]), "-nolisten", "tcp", "-screen", "0",
-                                 "1280x800x24"},
-        Environment{}, logFile, std::vector<int>{fds[1]});
-    ::close(fds[1]);
-    std::string number;
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (number.find('\n') == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-        pollfd wait{fds[0], POLLIN, 0};
-        if (::poll(&wait, 1, 100) > 0) {
-            char buffer[32];
-            const ssize_t got = ::read(fds[0], buffer, sizeof buffer);
-            if (got <= 0)
-                break;
-            number.append(buffer, static_cast<std::size_t>(got));
-        }
-    }
-    ::close(fds[0]);
-    number = trim(number);
-    if (number.empty())
-        throw std::runtime_error("Xvfb did not start");
-    display_ = ":" + number;
 }
-
-PrivateXServer::~PrivateXServer() = default;
-
-// --- PrivateWindowManager ------------------------------------------------------------------
 
 PrivateWindowManager::PrivateWindowManager(const std::string& display, const fs::path& folder)
+    : service_("window-manager", {"--display", display, "--folder", folder.string()})
 {
-    const fs::path home = makePrivateFolder(folder);
-    process_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"openbox", "--sm-disable"},
-        Environment{{"DISPLAY", display},
-                    {"HOME", home.string()},
-                    {"XDG_CONFIG_HOME", (home / ".config").string()},
-                    {"XDG_CACHE_HOME", (home / ".cache").string()},
-                    {"DBUS_SESSION_BUS_ADDRESS", std::nullopt}},
-        home / "openbox.log");
-    // Ready once it announces itself on the root window (_NET_SUPPORTING_WM_CHECK).
-    const bool ready = waitUntil(
-        [&] {
-            if (!process_->isRunning())
-                return true;
-            if (!programExists("xprop"))
-                return !waitUntil([&] { return !process_->isRunning(); }, 300ms);
-            const CommandResult reply =
-                runCommand({"xprop", "-display", display, "-root", "_NET_SUPPORTING_WM_CHECK"}, {}, 5s);
-            return reply.exitCode == 0 && reply.output.find("window id") != std::string::npos;
-        },
-        20s, 50ms);
-    if (!ready || !process_->isRunning())
-        throw std::runtime_error("openbox did not start; see " + (home / "openbox.log").string());
 }
-
-PrivateWindowManager::~PrivateWindowManager() = default;
-
-// --- PrivateSpeechDispatcher ---------------------------------------------------------------
 
 PrivateSpeechDispatcher::PrivateSpeechDispatcher(const fs::path& folder)
     : PrivateSpeechDispatcher(folder, Options{})
@@ -489,83 +264,31 @@ PrivateSpeechDispatcher::PrivateSpeechDispatcher(const fs::path& folder, Options
     : folder_(folder)
     , options_(options)
 {
-    becomeSubreaper();
-    makePrivateFolder(folder_);
-    makePrivateFolder(folder_ / "run");
-    makePrivateFolder(folder_ / "log");
-    makePrivateFolder(folder_ / "data");
-    makePrivateFolder(folder_ / "home");
-    const fs::path config = makePrivateFolder(folder_ / "config" / "speech-dispatcher");
-    makePrivateFolder(config / "modules");
-    const fs::path spoken = folder_ / "spoken.log";
-    const fs::path recorder = folder_ / "record-speech.sh";
-    char seconds[32];
-    std::snprintf(seconds, sizeof seconds, "%.3f", static_cast<double>(options_.speakingTime.count()) / 1000.0);
-    // $1: the language, $2: the text. A cancel kills this script: no "done" line then.
-    writeFile(recorder,
-              "#!/bin/sh\n"
-              "text=$(printf '%s' \"$2\" | tr '\\n\\t' '  ')\n"
-              "printf 'say\\t%s\\t%s\\n' \"$1\" \"$text\" >> '" + spoken.string() + "'\n"
-              "sleep " + seconds + "\n"
-              "printf 'done\\t%s\\n' \"$text\" >> '" + spoken.string() + "'\n",
-              fs::perms::owner_all);
-    writeFile(config / "speechd.conf",
-              "LogDir \"" + (folder_ / "log").string() + "\"\n"
-              "DefaultVolume 100\n"
-              "DefaultLanguage \"en\"\n"
-              // Module start-up opens the audio output; with no sound card only libao's opens
-              // (the recorder never plays anything).
-              "AudioOutputMethod \"libao\"\n"
-              "AddModule \"recorder\" \"sd_generic\" \"recorder.conf\"\n"
-              "DefaultModule recorder\n");
-    writeFile(config / "modules" / "recorder.conf",
-              "GenericExecuteSynth \"" + recorder.string() + " \\'$LANGUAGE\\' \\'$DATA\\'\"\n"
-              "GenericLanguage \"en\" \"en\" \"utf-8\"\n"
-              "AddVoice \"en\" \"MALE1\" \"recorder\"\n"
-              "DefaultVoice \"recorder\"\n");
 }
 
-PrivateSpeechDispatcher::~PrivateSpeechDispatcher()
-{
-    stop();
-}
+PrivateSpeechDispatcher::~PrivateSpeechDispatcher() = default;
 
 void PrivateSpeechDispatcher::start()
 {
     if (isRunning())
         return;
-    std::error_code ignored;
-    fs::remove(socketPath(), ignored);
-    process_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"speech-dispatcher", "--run-single", "--timeout", "0", "--log-level", "5",
-                                 "--log-dir", (folder_ / "log").string(), "--communication-method", "unix_socket",
-                                 "--socket-path", socketPath().string()},
-        Environment{{"XDG_RUNTIME_DIR", (folder_ / "run").string()},
-                    {"XDG_CONFIG_HOME", (folder_ / "config").string()},
-                    {"XDG_DATA_HOME", (folder_ / "data").string()},
-                    {"HOME", (folder_ / "home").string()},
-                    {"SPEECHD_ADDRESS", std::nullopt}},
-        folder_ / "speech-dispatcher.out");
-    if (!waitUntil([&] { return unixSocketAccepts(socketPath()) || !process_->isRunning(); }, 20s)
-        || !process_->isRunning())
-        throw std::runtime_error("speech-dispatcher did not start; see " + (folder_ / "speech-dispatcher.out").string());
+    service_ = std::make_unique<PrivateService>(
+        "speech", std::vector<std::string>{"--folder", folder_.string(), "--speaking-time", seconds(options_.speakingTime)});
 }
 
 void PrivateSpeechDispatcher::stop()
 {
-    if (process_)
-        process_->stop(SIGTERM, 5s);
-    process_.reset();
+    service_.reset();
 }
 
 bool PrivateSpeechDispatcher::isRunning() const
 {
-    return process_ && process_->isRunning();
+    return service_ && service_->isRunning();
 }
 
 pid_t PrivateSpeechDispatcher::pid() const
 {
-    return process_ ? process_->pid() : -1;
+    return service_ ? service_->pid() : -1;
 }
 
 std::string PrivateSpeechDispatcher::address() const
@@ -640,73 +363,37 @@ std::vector<std::string> PrivateSpeechDispatcher::commandsOf(const std::string& 
     return commands;
 }
 
-// --- PrivatePulseAudio ---------------------------------------------------------------------
-
 PrivatePulseAudio::PrivatePulseAudio(const fs::path& folder)
     : folder_(folder)
+    , serverAddress_("unix:" + (folder / "run" / "native").string())
 {
-    becomeSubreaper();
-    makePrivateFolder(folder_);
-    makePrivateFolder(folder_ / "run");
-    makePrivateFolder(folder_ / "home");
-    serverAddress_ = "unix:" + (folder_ / "run" / "native").string();
     start();
 }
+
+PrivatePulseAudio::~PrivatePulseAudio() = default;
 
 void PrivatePulseAudio::start()
 {
     if (isRunning())
         return;
-    const fs::path runtime = folder_ / "run";
-    const fs::path home = folder_ / "home";
-    const fs::path socket = runtime / "native";
-    std::error_code ignored;
-    fs::remove(socket, ignored);
-    process_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
-                                 "--disallow-exit", "--log-target=stderr",
-                                 "-L", "module-native-protocol-unix socket=" + socket.string() + " auth-anonymous=1",
-                                 "-L", "module-null-sink sink_name=" + sinkName() + " rate=44100 channels=2"},
-        Environment{{"HOME", home.string()},
-                    {"XDG_RUNTIME_DIR", runtime.string()},
-                    {"XDG_CONFIG_HOME", (home / ".config").string()},
-                    {"XDG_STATE_HOME", (home / ".state").string()},
-                    {"PULSE_SERVER", std::nullopt},
-                    {"PULSE_RUNTIME_PATH", std::nullopt},
-                    {"DISPLAY", std::nullopt},
-                    // No session bus (and no X11 autolaunch of one): PulseAudio only warns.
-                    {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (runtime / "no-bus").string()}},
-        folder_ / "pulseaudio.log");
-    const bool up = waitUntil(
-        [&] {
-            return process_->isRunning()
-                && runCommand({"pactl", "--server=" + serverAddress_, "info"}, {}, 10s).exitCode == 0;
-        },
-        20s, 50ms);
-    if (!up)
-        throw std::runtime_error("PulseAudio did not start; see " + (folder_ / "pulseaudio.log").string());
+    service_ = std::make_unique<PrivateService>("pulse", std::vector<std::string>{"--folder", folder_.string()});
+    if (service_->address() != serverAddress_)
+        throw std::runtime_error("PulseAudio listens on " + service_->address() + ", not " + serverAddress_);
 }
 
 void PrivatePulseAudio::stop()
 {
-    if (process_)
-        process_->stop(SIGTERM, 5s);
-    process_.reset();
+    service_.reset();
 }
 
 bool PrivatePulseAudio::isRunning() const
 {
-    return process_ && process_->isRunning();
+    return service_ && service_->isRunning();
 }
 
 pid_t PrivatePulseAudio::pid() const
 {
-    return process_ ? process_->pid() : -1;
-}
-
-PrivatePulseAudio::~PrivatePulseAudio()
-{
-    stop();
+    return service_ ? service_->pid() : -1;
 }
 
 SinkRecorder::SinkRecorder(const PrivatePulseAudio& server, const fs::path& rawFile)
@@ -714,15 +401,8 @@ SinkRecorder::SinkRecorder(const PrivatePulseAudio& server, const fs::path& rawF
 {
     std::error_code ignored;
     fs::remove(file_, ignored);
-    // parec writes the samples to standard output, which ChildProcess sends to the file;
-    // --latency-msec keeps parec from holding seconds of sound back.
-    process_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"parec", "--server=" + server.serverAddress(), "--device=" + server.monitorName(),
-                                 "--raw", "--format=s16le", "--rate=44100", "--channels=1", "--latency-msec=20"},
-        Environment{}, file_);
-    // The null sink's monitor delivers silence all the time: bytes arriving mean it records.
-    if (!waitUntil([&] { return bytesSoFar() > 0 || !process_->isRunning(); }, 10s) || !process_->isRunning())
-        throw std::runtime_error("parec did not start recording");
+    service_ = std::make_unique<PrivateService>(
+        "sink-recorder", std::vector<std::string>{"--server", server.serverAddress(), "--file", file_.string()});
 }
 
 SinkRecorder::~SinkRecorder() = default;
@@ -736,7 +416,7 @@ std::size_t SinkRecorder::bytesSoFar() const
 
 std::vector<std::int16_t> SinkRecorder::stop()
 {
-    process_->stop(SIGINT, 5s);
+    service_.reset();
     const std::string bytes = readFile(file_);
     std::vector<std::int16_t> samples(bytes.size() / 2);
     for (std::size_t i = 0; i < samples.size(); ++i) {
@@ -796,48 +476,32 @@ std::optional<double> soxRoughFrequency(const std::vector<std::int16_t>& samples
 
 bool PrivateOrca::canIsolate()
 {
-    static const bool can = programExists("unshare")
-        && runCommand({"unshare", "--pid", "--fork", "--mount-proc", "--kill-child=SIGKILL", "true"}, {}, 10s).exitCode
-            == 0;
+    static const bool can = [] {
+        std::vector<std::string> command = PrivateService::launcherCommand();
+        command.push_back("orca-can-isolate");
+        return runCommand(command, {}, 30s).exitCode == 0;
+    }();
     return can;
 }
 
 PrivateOrca::PrivateOrca(const Options& options)
+    : debugLog_(options.folder / "orca-debug.log")
 {
-    const fs::path folder = makePrivateFolder(options.folder);
-    const fs::path home = makePrivateFolder(folder / "home");
-    const fs::path runtime = makePrivateFolder(folder / "run");
-    debugLog_ = folder / "orca-debug.log";
-    isolated_ = canIsolate();
-    if (!isolated_ && runCommand({"pgrep", "-x", "orca"}, {}, 10s).exitCode == 0)
-        throw Unavailable("another Orca runs for this user and Orca cannot be isolated here");
-    std::vector<std::string> argv;
-    if (isolated_)
-        argv = {"unshare", "--pid", "--fork", "--mount-proc", "--kill-child=SIGKILL"};
-    argv.insert(argv.end(), {"orca", "--debug-file=" + debugLog_.string()});
-    process_ = std::make_unique<ChildProcess>(
-        argv,
-        Environment{{"DISPLAY", options.display},
-                    {"DBUS_SESSION_BUS_ADDRESS", options.sessionBusAddress},
-                    {"AT_SPI_BUS_ADDRESS", std::nullopt},
-                    {"HOME", home.string()},
-                    {"XDG_CONFIG_HOME", (home / ".config").string()},
-                    {"XDG_DATA_HOME", (home / ".local/share").string()},
-                    {"XDG_CACHE_HOME", (home / ".cache").string()},
-                    {"XDG_RUNTIME_DIR", runtime.string()},
-                    {"GSETTINGS_BACKEND", "memory"},
-                    {"SPEECHD_ADDRESS", options.speechAddress.empty()
-                                            ? std::optional<std::string>("unix_socket:" + (runtime / "no-speech").string())
-                                            : std::optional(options.speechAddress)},
-                    // Never start a speech service of its own.
-                    {"SPEECHD_CMD", "/nonexistent/speech-dispatcher"}},
-        folder / "orca.out");
+    std::vector<std::string> arguments{"--folder", options.folder.string(), "--display", options.display,
+                                       "--session-bus", options.sessionBusAddress};
+    if (!options.speechAddress.empty())
+        arguments.insert(arguments.end(), {"--speech", options.speechAddress});
+    try {
+        service_ = std::make_unique<PrivateService>("orca", arguments);
+    } catch (const PrivateService::Failed& failed) {
+        if (failed.status == 3)
+            throw Unavailable(failed.what());
+        throw;
+    }
+    isolated_ = service_->fact("isolated") == "1";
 }
 
-PrivateOrca::~PrivateOrca()
-{
-    stop();
-}
+PrivateOrca::~PrivateOrca() = default;
 
 bool PrivateOrca::waitUntilListening(std::chrono::milliseconds timeout) const
 {
@@ -865,24 +529,7 @@ std::vector<std::string> PrivateOrca::spoken() const
 
 void PrivateOrca::stop()
 {
-    if (!process_)
-        return;
-    if (isolated_) {
-        // unshare ignores SIGTERM; killing it kills Orca (--kill-child), and Orca's end, as the
-        // namespace's first process, ends everything it started.
-        std::vector<pid_t> children;
-        std::istringstream list(readFile("/proc/" + std::to_string(process_->pid()) + "/task/"
-                                         + std::to_string(process_->pid()) + "/children"));
-        for (pid_t child = 0; list >> child;)
-            children.push_back(child);
-        process_->stop(SIGKILL, 3s);
-        for (const pid_t child : children)
-            stopProcessById(child, SIGKILL, 5s);
-    } else {
-        // Orca does not stop quickly on SIGTERM.
-        process_->stop(SIGTERM, 3s);
-    }
-    process_.reset();
+    service_.reset();
 }
 
 } // namespace plinkora::testing

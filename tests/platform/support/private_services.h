@@ -1,11 +1,16 @@
 #pragma once
 
 // Private desktop services for tests: each fixture starts its own instance of a real service in
-// its own folders, talks to it only through addresses it hands out, and stops exactly the
-// processes it started (by process id) when it is destroyed, also when the test fails. Nothing
-// here touches the user's own session bus, sound server, speech service or X display.
+// its own folders, talks to it only through addresses it hands out, and stops it when it is
+// destroyed, also when the test fails. Nothing here touches the user's own session bus, sound
+// server, speech service or X display.
 //
-// See README.md beside this file for the commands and environment variables each fixture uses.
+// The services themselves are started by tests/support/services.py, the one implementation the
+// Python tests and the benchmark scripts use too: each fixture runs it as a launcher for one
+// service and reads what the service left in its folder (what was said, Orca's log).
+// tests/README.md tells what starts what.
+
+#include "support/child_process.h"
 
 #include <sys/types.h>
 
@@ -53,37 +58,13 @@ private:
 /// Changes to the environment of a child: a value sets the variable, nothing removes it.
 using Environment = std::vector<std::pair<std::string, std::optional<std::string>>>;
 
-/// A process started by a test. Its standard output and error go to `outputFile` (or nowhere).
-/// It is killed when the test process dies (PR_SET_PDEATHSIG) and stopped when this object goes.
-class ChildProcess
-{
-public:
-    ChildProcess(const std::vector<std::string>& argv, const Environment& environment = {},
-                 const fs::path& outputFile = {}, const std::vector<int>& inheritedFds = {});
-    ~ChildProcess();
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
-
-    pid_t pid() const { return pid_; }
-    bool isRunning();
-    /// Waits for the process to end by itself. True when it has.
-    bool waitForExit(std::chrono::milliseconds timeout);
-    /// The exit code once it has ended (128 + signal number when a signal ended it).
-    std::optional<int> exitCode() const { return exitCode_; }
-    /// Sends `signal`, waits up to `grace`, then SIGKILL. Does nothing when already ended.
-    void stop(int signal = 15 /* SIGTERM */, std::chrono::milliseconds grace = 5s);
-
-private:
-    bool reap(bool block);
-
-    pid_t pid_ = -1;
-    std::optional<int> exitCode_;
-};
+/// The options that start a program with `arguments` (without the program) and `environment`.
+ChildProcess::Options childOptions(const std::vector<std::string>& arguments, const Environment& environment = {});
 
 struct CommandResult
 {
     int exitCode = -1;  // -1 when it did not finish in time (it was killed)
-    std::string output; // standard output and error together
+    std::string output; // standard output, then standard error
 };
 
 /// Runs a command to its end (killing it after `timeout`).
@@ -93,16 +74,47 @@ CommandResult runCommand(const std::vector<std::string>& argv, const Environment
 /// True when `program` can be run (an absolute path, or a name found in PATH).
 bool programExists(const std::string& program);
 
-/// Makes this test process the reaper of orphaned descendants (PR_SET_CHILD_SUBREAPER), so that
-/// services the bus starts on demand (and daemons that detach) can be waited for by process id.
-void becomeSubreaper();
+/// One private service, started by the launcher tests/support/services.py, which prints what
+/// the service is and keeps it until the launcher is stopped; then it stops the service and
+/// whatever the service left behind, by process id. The launcher ends with the test process.
+class PrivateService
+{
+public:
+    struct Failed : std::runtime_error
+    {
+        Failed(const std::string& what, int exitStatus)
+            : std::runtime_error(what)
+            , status(exitStatus)
+        {
+        }
+        int status; // the launcher's exit status: 3 when the service cannot run on this machine
+    };
 
-/// Stops a process that a fixture's child started on its behalf (not a direct child): sends
-/// `signal`, waits up to `grace` for it to end, then SIGKILL. Reaps it when it became ours.
-void stopProcessById(pid_t pid, int signal, std::chrono::milliseconds grace);
+    /// Starts `service` (a name the launcher knows) with the launcher's `arguments` and waits
+    /// until it is ready. Throws Failed when it does not get there.
+    PrivateService(const std::string& service, const std::vector<std::string>& arguments,
+                   std::chrono::milliseconds timeout = 90s);
+    ~PrivateService();
+    PrivateService(const PrivateService&) = delete;
+    PrivateService& operator=(const PrivateService&) = delete;
 
-/// True while a process with this id exists and has not ended.
-bool processAlive(pid_t pid);
+    /// What clients connect to: a bus address, a display, a socket, a file.
+    const std::string& address() const { return address_; }
+    /// The service's main process.
+    pid_t pid() const { return pid_; }
+    /// Another line the launcher printed: "registry 1234" gives fact("registry") == "1234".
+    std::string fact(const std::string& key) const;
+    bool isRunning() const { return launcher_->running(); }
+
+    /// The launcher's arguments before the service's name: the interpreter and the script.
+    static std::vector<std::string> launcherCommand();
+
+private:
+    std::unique_ptr<ChildProcess> launcher_;
+    std::vector<std::pair<std::string, std::string>> facts_;
+    std::string address_;
+    pid_t pid_ = -1;
+};
 
 /// A private D-Bus session bus: dbus-daemon with its own configuration (no service activation,
 /// everything allowed), listening on a socket in `folder`.
@@ -110,17 +122,13 @@ class PrivateSessionBus
 {
 public:
     explicit PrivateSessionBus(const fs::path& folder);
-    ~PrivateSessionBus();
-    PrivateSessionBus(const PrivateSessionBus&) = delete;
-    PrivateSessionBus& operator=(const PrivateSessionBus&) = delete;
 
     /// For DBUS_SESSION_BUS_ADDRESS or QDBusConnection::connectToBus.
-    const std::string& address() const { return address_; }
-    pid_t pid() const { return process_->pid(); }
+    const std::string& address() const { return service_.address(); }
+    pid_t pid() const { return service_.pid(); }
 
 private:
-    std::string address_;
-    std::unique_ptr<ChildProcess> process_;
+    PrivateService service_;
 };
 
 /// The real AT-SPI accessibility bus on a private session bus: at-spi-bus-launcher (which
@@ -133,40 +141,30 @@ public:
     /// `display` is handed on as DISPLAY when not empty.
     AccessibilityBus(const PrivateSessionBus& sessionBus, const fs::path& runtimeFolder,
                      const std::string& display = {});
-    ~AccessibilityBus();
-    AccessibilityBus(const AccessibilityBus&) = delete;
-    AccessibilityBus& operator=(const AccessibilityBus&) = delete;
 
     /// The accessibility bus's address (what org.a11y.Bus.GetAddress answers).
-    const std::string& address() const { return address_; }
+    const std::string& address() const { return service_.address(); }
     /// Sets org.a11y.Status ScreenReaderEnabled, the desktop's screen-reader switch, with
     /// `busctl --user set-property`. Throws when busctl fails.
     void setScreenReaderEnabled(bool enabled) const;
-    pid_t registryPid() const { return registryPid_; }
+    pid_t registryPid() const;
 
 private:
     std::string sessionAddress_;
-    std::string address_;
-    std::unique_ptr<ChildProcess> launcher_;
-    pid_t busDaemonPid_ = -1;
-    pid_t registryPid_ = -1;
+    PrivateService service_;
 };
 
 /// Xvfb on a display number it picks itself (-displayfd), so it never takes a display in use.
 class PrivateXServer
 {
 public:
-    explicit PrivateXServer(const fs::path& logFile = {});
-    ~PrivateXServer();
-    PrivateXServer(const PrivateXServer&) = delete;
-    PrivateXServer& operator=(const PrivateXServer&) = delete;
+    PrivateXServer();
 
     /// ":N", for DISPLAY.
-    const std::string& display() const { return display_; }
+    const std::string& display() const { return service_.address(); }
 
 private:
-    std::string display_;
-    std::unique_ptr<ChildProcess> process_;
+    PrivateService service_;
 };
 
 /// Openbox on a private X server, so that windows get activated and focused as on a desktop
@@ -175,12 +173,9 @@ class PrivateWindowManager
 {
 public:
     PrivateWindowManager(const std::string& display, const fs::path& folder);
-    ~PrivateWindowManager();
-    PrivateWindowManager(const PrivateWindowManager&) = delete;
-    PrivateWindowManager& operator=(const PrivateWindowManager&) = delete;
 
 private:
-    std::unique_ptr<ChildProcess> process_;
+    PrivateService service_;
 };
 
 /// A private speech-dispatcher whose only output module records: every text it is asked to say
@@ -195,7 +190,7 @@ public:
         std::chrono::milliseconds speakingTime{600};
     };
 
-    /// Writes the configuration into `folder`; start() starts the service.
+    /// The service's folder; start() starts it.
     explicit PrivateSpeechDispatcher(const fs::path& folder);
     PrivateSpeechDispatcher(const fs::path& folder, Options options);
     ~PrivateSpeechDispatcher();
@@ -204,7 +199,7 @@ public:
 
     /// Starts the service and waits until it accepts connections. Throws when it does not.
     void start();
-    /// Stops the service (SIGTERM, then SIGKILL after a grace period) and waits for it.
+    /// Stops the service and waits for it.
     void stop();
     bool isRunning() const;
     pid_t pid() const;
@@ -231,7 +226,7 @@ public:
 private:
     fs::path folder_;
     Options options_;
-    std::unique_ptr<ChildProcess> process_;
+    std::unique_ptr<PrivateService> service_;
 };
 
 /// A private PulseAudio server with one null sink ("plinkora_null", 44.1 kHz stereo) whose
@@ -246,7 +241,7 @@ public:
 
     /// Starts the server again (same socket) after stop(); the constructor starts it.
     void start();
-    /// Stops the server (SIGTERM, then SIGKILL after a grace period) and waits for it.
+    /// Stops the server and waits for it.
     void stop();
     bool isRunning() const;
     pid_t pid() const;
@@ -259,7 +254,7 @@ public:
 private:
     fs::path folder_;
     std::string serverAddress_;
-    std::unique_ptr<ChildProcess> process_;
+    std::unique_ptr<PrivateService> service_;
 };
 
 /// Records the null sink's monitor with parec: raw 16-bit signed mono samples at 44.1 kHz,
@@ -274,13 +269,13 @@ public:
     SinkRecorder(const SinkRecorder&) = delete;
     SinkRecorder& operator=(const SinkRecorder&) = delete;
 
-    /// Ends the recording (SIGINT) and returns the samples.
+    /// Ends the recording and returns the samples.
     std::vector<std::int16_t> stop();
     std::size_t bytesSoFar() const;
 
 private:
     fs::path file_;
-    std::unique_ptr<ChildProcess> process_;
+    std::unique_ptr<PrivateService> service_;
 };
 
 /// A stretch of sound in a recording: [begin, end) in samples.
@@ -305,10 +300,9 @@ std::optional<double> soxRoughFrequency(const std::vector<std::int16_t>& samples
 ///
 /// Orca refuses to start while another Orca of the same user runs anywhere on the machine, and
 /// `orca --replace` would kill that one. So, where possible (root, or unprivileged user
-/// namespaces), it runs in a process-id namespace of its own (unshare --pid --fork --mount-proc
-/// --kill-child=SIGKILL): it sees no other Orca, and stopping the unshare process ends it and
-/// anything it started. Elsewhere it starts only when no other Orca runs (else the constructor
-/// throws OrcaUnavailable).
+/// namespaces), it runs in a process-id namespace of its own: it sees no other Orca, and ending
+/// the namespace ends it and anything it started. Elsewhere it starts only when no other Orca
+/// runs (else the constructor throws Unavailable).
 class PrivateOrca
 {
 public:
@@ -338,8 +332,8 @@ public:
     /// that one's utterances().
     std::vector<std::string> spoken() const;
     const fs::path& debugLog() const { return debugLog_; }
-    /// The process id of the started process (unshare, or Orca itself when not isolated).
-    pid_t pid() const { return process_->pid(); }
+    /// The process id of the started process (the namespace's, or Orca itself when not isolated).
+    pid_t pid() const { return service_ ? service_->pid() : -1; }
     bool isolated() const { return isolated_; }
     /// Stops Orca and waits for it to end.
     void stop();
@@ -350,7 +344,7 @@ public:
 private:
     fs::path debugLog_;
     bool isolated_ = false;
-    std::unique_ptr<ChildProcess> process_;
+    std::unique_ptr<PrivateService> service_;
 };
 
 } // namespace plinkora::testing

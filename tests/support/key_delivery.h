@@ -23,7 +23,8 @@ struct LinuxKey
 {
     std::uint32_t evdev;
     int qtKey;
-    const char* text;
+    const char* text;         // what the key types without Shift
+    std::uint32_t keysym = 0; // the X11 keysym, where it matters
 };
 
 inline constexpr LinuxKey kLinuxA{KEY_A, Qt::Key_A, "a"};
@@ -38,12 +39,15 @@ inline constexpr LinuxKey kLinuxRightShift{KEY_RIGHTSHIFT, Qt::Key_Shift, ""};
 inline constexpr LinuxKey kLinuxLeftCtrl{KEY_LEFTCTRL, Qt::Key_Control, ""};
 inline constexpr LinuxKey kLinuxEscape{KEY_ESC, Qt::Key_Escape, "\x1b"};
 
+/// The X11 modifier mask of Shift, for events with `nativeModifiers`.
+inline constexpr std::uint32_t kX11ShiftMask = 1;
+
 inline std::unique_ptr<QKeyEvent> makeKeyEvent(QEvent::Type type, const LinuxKey& key,
                                                Qt::KeyboardModifiers modifiers = Qt::NoModifier,
                                                bool autoRepeat = false)
 {
-    return std::make_unique<QKeyEvent>(type, key.qtKey, modifiers, key.evdev + 8, 0, 0, QString::fromLatin1(key.text),
-                                       autoRepeat);
+    return std::make_unique<QKeyEvent>(type, key.qtKey, modifiers, key.evdev + 8, key.keysym, 0,
+                                       QString::fromLatin1(key.text), autoRepeat);
 }
 
 /// Hands `event` to `widget`'s window as the window system does. Returns what Qt's delivery
