@@ -148,28 +148,18 @@ void KeyboardMonitor::handleKeyEvent(const KeyEvent& event)
         return;
     }
 
-    // Arrows only set the flags; the bender timer does the sending.
-    switch (code) {
-    case kKeyUp:
-        benderController->upPressed = keyDown;
+    // Arrows only set the flags (and wake the resting timer); the bender timer does the sending.
+    if (bool* arrow = arrowFlag(code)) {
+        *arrow = keyDown;
+        benderController->wake();
         return;
-    case kKeyDown:
-        benderController->downPressed = keyDown;
-        return;
-    case kKeyLeft:
-        benderController->leftPressed = keyDown;
-        return;
-    case kKeyRight:
-        benderController->rightPressed = keyDown;
-        return;
-    default:
-        break;
     }
 
     if (keyDown && !alreadyPressed && (code == kKeyPeriod || code == kKeySlash)) {
         // No repeat filter either: holding the key flips the mode on every repeat.
         bool& flag = code == kKeyPeriod ? benderController->pitchBendAutoRelease : benderController->modulationAutoRelease;
         flag = !flag;
+        benderController->wake();
         benderController->playSound(flag ? "up.wav" : "down.wav");
         return;
     }
@@ -198,6 +188,22 @@ void KeyboardMonitor::handleKeyEvent(const KeyEvent& event)
     pressedKeys.reset(code);
     const std::uint8_t note = noteNumber(currentOctave, *offset, propertyManager->getTranspose());
     midiManager.sendNoteOff(note, propertyManager->getChannel());
+}
+
+bool* KeyboardMonitor::arrowFlag(KeyCode code)
+{
+    switch (code) {
+    case kKeyUp:
+        return &benderController->upPressed;
+    case kKeyDown:
+        return &benderController->downPressed;
+    case kKeyLeft:
+        return &benderController->leftPressed;
+    case kKeyRight:
+        return &benderController->rightPressed;
+    default:
+        return nullptr;
+    }
 }
 
 void KeyboardMonitor::releaseHeldKeys()

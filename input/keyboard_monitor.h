@@ -99,6 +99,8 @@ private:
     /// True when the event belongs to a key held through a focus change or a panic, and is
     /// therefore swallowed without acting.
     bool isLeftoverOfHeldKey(const KeyEvent& event);
+    /// The bender controller's flag for an arrow key, or nullptr for any other key.
+    bool* arrowFlag(KeyCode code);
     /// Speaks `text` with Plinkora's own voice unless a screen reader runs; true when spoken.
     bool speakWithoutScreenReader(const char* text);
     bool pausedSpoken_ = false;
