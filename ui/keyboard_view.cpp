@@ -163,17 +163,23 @@ void KeyboardView::startUpdateTimer()
 void KeyboardView::updateDisplay()
 {
     const BenderController& bender = *keyboardMonitor_.benderController;
-    octaveLabel_->setText(QStringLiteral("Octave: ") + QString::number(keyboardMonitor_.currentOctave));
-    velocityLabel_->setText(QStringLiteral("Velocity: ") + QString::number(keyboardMonitor_.currentVelocity));
-
     const std::int64_t bend = truncatedOrFatal(bender.pitchBend, "pitch bend");
     if (bend < std::numeric_limits<std::int64_t>::min() + 8192)
         fatal(QStringLiteral("the pitch bend value %1 minus 8192 overflows").arg(bend).toStdString());
-    const std::int64_t pitch = bend - 8192;
-    pitchBendLabel_->setText(QStringLiteral("Pitch: ") + QString::number(pitch));
-
-    const std::int64_t modulation = truncatedOrFatal(bender.modulation, "modulation");
-    modulationLabel_->setText(QStringLiteral("Mod: ") + QString::number(modulation));
+    const ShownValues now{keyboardMonitor_.currentOctave, keyboardMonitor_.currentVelocity, bend - 8192,
+                          truncatedOrFatal(bender.modulation, "modulation")};
+    // Most refreshes find the same values: they build no text, repaint and move nothing.
+    if (now == shown_)
+        return;
+    if (now.octave != shown_.octave)
+        octaveLabel_->setText(QStringLiteral("Octave: ") + QString::number(now.octave));
+    if (now.velocity != shown_.velocity)
+        velocityLabel_->setText(QStringLiteral("Velocity: ") + QString::number(now.velocity));
+    if (now.pitch != shown_.pitch)
+        pitchBendLabel_->setText(QStringLiteral("Pitch: ") + QString::number(now.pitch));
+    if (now.modulation != shown_.modulation)
+        modulationLabel_->setText(QStringLiteral("Mod: ") + QString::number(now.modulation));
+    shown_ = now;
 
     // The status lines keep their own widths, pinned to the left and right insets.
     layoutStatusLines();
