@@ -1,6 +1,7 @@
 #include "input/keyboard_monitor.h"
 
 #include "benders/bender_controller.h"
+#include "common/diagnostics.h"
 #include "common/settings_store.h"
 #include "input/function_key_config.h"
 #include "input/key_table.h"
@@ -10,7 +11,6 @@
 
 #include <QTimer>
 
-#include <cstdio>
 
 namespace plinkora {
 
@@ -34,9 +34,9 @@ bool KeyboardMonitor::isHandledKey(KeyCode code)
 
 bool KeyboardMonitor::monitorCallback(const KeyEvent& event)
 {
-    std::printf("Key event received: type=%u keyCode=%u\n", static_cast<unsigned>(event.type),
-                static_cast<unsigned>(event.keyCode));
-    std::fflush(stdout);
+    // Written once the key's work is done, so its message does not wait for standard output.
+    const LineAfterwards line("Key event received: type=%u keyCode=%u", static_cast<unsigned>(event.type),
+                              static_cast<unsigned>(event.keyCode));
 
     // Act only while the main window is the key window; both absent counts as the same.
     const QObject* active = keyWindow ? keyWindow() : nullptr;
