@@ -87,8 +87,13 @@ std::unique_ptr<MidiBackend> DesktopServices::addBuiltInSynth(std::unique_ptr<Mi
 {
     // The built-in synthesizer hears what the port sends; its sound font loads on a worker.
     synth_ = std::make_unique<BuiltInSynth>(settings_, std::move(synthOptions_));
-    synth_->start();
     return std::make_unique<FanOutBackend>(std::move(port), synth_.get());
+}
+
+void DesktopServices::startBuiltInSynth()
+{
+    if (synth_)
+        synth_->start();
 }
 
 std::unique_ptr<Announcer> DesktopServices::makeAnnouncer()
