@@ -107,11 +107,16 @@ std::unique_ptr<MidiBackend> DesktopServices::addBuiltInSynth(std::unique_ptr<Mi
 #if defined(PLINKORA_HAVE_FLUIDSYNTH)
     // The built-in synthesizer hears what the port sends; its sound font loads on a worker.
     synth_ = std::make_unique<BuiltInSynth>(settings_, std::move(synthOptions_));
-    synth_->start();
     return std::make_unique<FanOutBackend>(std::move(port), synth_.get());
 #else
     return port; // built without FluidSynth: no built-in synthesizer
 #endif
+}
+
+void DesktopServices::startBuiltInSynth()
+{
+    if (synth_)
+        synth_->start();
 }
 
 std::unique_ptr<Announcer> DesktopServices::makeAnnouncer()

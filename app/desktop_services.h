@@ -34,12 +34,18 @@ public:
     /// The built-in synthesizer, made with the MIDI back end (null before); it hears every
     /// message through the back end's fan-out.
     BuiltInSynth* synth() { return synth_.get(); }
+    /// Starts the built-in synthesizer, if there is one: its sound font loads and its audio
+    /// output opens on a worker. The program calls it once the main window is up: a worker
+    /// started with the port competed with the start-up for the processor and for the JACK
+    /// server, which opens one client at a time (50 ms later to the port, 60 to the window).
+    void startBuiltInSynth();
 
     static constexpr const char* kMidiApiKey = "MidiApi";
 
 private:
     std::unique_ptr<MidiBackend> makeMidiBackend();
-    /// Makes the built-in synthesizer and a fan-out that hands every message to `port` and to it.
+    /// Makes the built-in synthesizer (not started yet) and a fan-out that hands every message to
+    /// `port` and to it.
     std::unique_ptr<MidiBackend> addBuiltInSynth(std::unique_ptr<MidiBackend> port);
     std::unique_ptr<Announcer> makeAnnouncer();
 

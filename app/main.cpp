@@ -16,6 +16,7 @@
 
 #include <QApplication>
 #include <QSettings>
+#include <QTimer>
 
 #include <cstdio>
 #include <memory>
@@ -113,6 +114,9 @@ int main(int argc, char** argv)
             synth->setAnnounce([monitor = delegate->keyboardMonitor.get()](const UserText& text) {
                 monitor->propertyManager->announce(text);
             });
+        // The synthesizer starts on the first turn of the event loop, after the port and the
+        // window: its worker would otherwise hold both up.
+        QTimer::singleShot(0, delegate.get(), [services = desktop.get()] { services->startBuiltInSynth(); });
         status = QApplication::exec();
         // Already done on every way out; never skipped. Then the windows and the desktop
         // services go while the application object still exists.

@@ -2,16 +2,19 @@
 
 // Plinkora prints a diagnostic line on standard output for every key event ("Key event
 // received: ...") and every announcement ("Announcing: ..."), flushed at once: a write() each.
-// That write is part of the measured path, and what it costs depends on where standard output
-// goes. The benchmarks send those lines to /dev/null, to a file (as ~/.xsession-errors), into a
-// pipe or into a pseudo-terminal that a thread reads (as the journal or a terminal window
-// would), and print their own figures on the standard output they were started with.
+// A key's line is written after its MIDI message has left, but what the write costs still
+// depends on where standard output goes. The benchmarks send those lines to /dev/null, to a
+// file (as ~/.xsession-errors), into a pipe or into a pseudo-terminal that a thread reads (as
+// the journal or a terminal window would), or into a pipe whose reader is slow (it takes 512
+// bytes a millisecond, so the pipe fills and writes block), and print their own figures on the
+// standard output they were started with.
 
 #include <fcntl.h>
 #include <pty.h>
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ostream>
@@ -72,6 +75,7 @@ enum class DiagnosticsTarget
     File, // a temporary file
     Pipe, // a pipe read by a thread of this process
     Pty,  // a pseudo-terminal whose other end a thread of this process reads
+    SlowPipe, // a pipe whose reader takes 512 bytes a millisecond
 };
 
 inline const char* nameOf(DiagnosticsTarget target)
@@ -85,6 +89,8 @@ inline const char* nameOf(DiagnosticsTarget target)
         return "pipe";
     case DiagnosticsTarget::Pty:
         return "pty";
+    case DiagnosticsTarget::SlowPipe:
+        return "slowpipe";
     }
     return "";
 }
@@ -100,6 +106,8 @@ inline const char* describe(DiagnosticsTarget target)
         return "a pipe read by another thread (like the journal)";
     case DiagnosticsTarget::Pty:
         return "a pseudo-terminal read by another thread (like a terminal window)";
+    case DiagnosticsTarget::SlowPipe:
+        return "a pipe whose reader takes 512 bytes a millisecond (the pipe fills)";
     }
     return "";
 }
@@ -150,7 +158,8 @@ public:
                 ::unlink(path);
             break;
         }
-        case DiagnosticsTarget::Pipe: {
+        case DiagnosticsTarget::Pipe:
+        case DiagnosticsTarget::SlowPipe: {
             int ends[2];
             if (::pipe2(ends, O_CLOEXEC) == 0) {
                 readEnd = ends[0];
@@ -169,13 +178,16 @@ public:
         }
         ::close(writeEnd);
         if (readEnd >= 0) {
-            reader_ = std::thread([this, readEnd] {
+            const bool slow = target == DiagnosticsTarget::SlowPipe;
+            reader_ = std::thread([this, readEnd, slow] {
                 std::array<char, 65536> buffer{};
                 for (;;) {
-                    const ssize_t got = ::read(readEnd, buffer.data(), buffer.size());
+                    const ssize_t got = ::read(readEnd, buffer.data(), slow ? 512 : buffer.size());
                     if (got <= 0)
                         break; // EOF (pipe) or EIO (pseudo-terminal) once the last writer is gone
                     bytesRead_ += static_cast<std::size_t>(got);
+                    if (slow)
+                        std::this_thread::sleep_for(std::chrono::milliseconds(1));
                 }
                 ::close(readEnd);
             });

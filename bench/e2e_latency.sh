@@ -5,7 +5,7 @@
 # (scripts/install-deps.sh), builds a Release build in build-bench, runs bench/e2e_latency.py
 # with Debian's python3, and prints the table and Plinkora's differences. Then prints the
 # in-process figures of the same build unless --no-in-process: key event to the message at the
-# MIDI back end (key_latency_bench, diagnostic lines to a file and to a pipe), the bender tick
+# MIDI back end (key_latency_bench, diagnostic lines to a file, a pipe and a slow pipe), the bender tick
 # idle and moving (engine_bench), a property change to its announcement's synchronous part
 # (announcement_bench). Takes about 10 minutes on a quiet machine.
 #
@@ -46,7 +46,7 @@ cmake --build "$build" -j2 --target plinkora startup_probe xtest_typer reference
 if [[ $in_process -eq 1 ]]; then
     echo
     echo "In-process figures of the same build:"
-    "$build/bin/key_latency_bench" --stdout file,pipe --pairs 5000 --warmup 500 2>&1 \
+    "$build/bin/key_latency_bench" --stdout file,pipe,slowpipe --pairs 5000 --warmup 500 2>&1 \
         | grep -E '^(Diagnostic lines|  µs|  filter -> MIDI back end|  window -> MIDI)' || true
     "$build/bin/engine_bench" --benchmark_filter='BenderTick' 2>&1 | grep 'BM_' || true
     "$build/bin/announcement_bench" --benchmark_filter='PropertyChangeToAnnouncement' --benchmark_repetitions=3 \

@@ -48,15 +48,39 @@ void BenderController::startUpdateTimer()
     updateTimer.setSingleShot(true);
     updateTimer.callOnTimeout([this] {
         updateBenders();
+        if (!canMove()) {
+            resting_ = true; // until wake()
+            return;
+        }
         nextTickNs_ += kTickIntervalNs;
-        const qint64 lateNs = clock_.nsecsElapsed() - nextTickNs_;
-        if (lateNs > kTickIntervalNs) // fell behind (suspended, overloaded): start afresh
+        if (clock_.nsecsElapsed() - nextTickNs_ > kTickIntervalNs) // fell behind (suspended, overloaded): start afresh
             nextTickNs_ = clock_.nsecsElapsed();
-        updateTimer.start(static_cast<int>(std::max<qint64>(0, (nextTickNs_ - clock_.nsecsElapsed() + 500'000) / 1'000'000)));
+        armForNextTick();
     });
     clock_.start();
     nextTickNs_ = kTickIntervalNs;
     updateTimer.start(16);
+}
+
+void BenderController::armForNextTick()
+{
+    updateTimer.start(static_cast<int>(std::max<qint64>(0, (nextTickNs_ - clock_.nsecsElapsed() + 500'000) / 1'000'000)));
+}
+
+bool BenderController::canMove() const
+{
+    return upPressed || downPressed || leftPressed || rightPressed
+        || (pitchBendAutoRelease && pitchBend != pitchBendCenter) || (modulationAutoRelease && modulation > modulationMin);
+}
+
+void BenderController::wake()
+{
+    if (!resting_ || !canMove())
+        return;
+    resting_ = false;
+    // The first grid point after now: the ticks keep the phase they had before resting.
+    nextTickNs_ = (clock_.nsecsElapsed() / kTickIntervalNs + 1) * kTickIntervalNs;
+    armForNextTick();
 }
 
 bool BenderController::movePitchBend()

@@ -18,6 +18,12 @@ class SettingsStore;
 /// springs them back at twice that speed when auto-release is on, and sends every tick in
 /// which a value moved, always on channel 0. Also plays the feedback sound of the
 /// auto-release switches. Main thread only.
+///
+/// The timer rests while nothing can move (no arrow held, both values at rest or their
+/// auto-release off), so an idle program does not wake 60 times a second. Whoever sets an
+/// arrow or auto-release flag calls wake() afterwards; the ticks then resume on the same
+/// 1/60 s grid as if the timer had never stopped. A speed change needs no wake-up: the
+/// speeds decide how far a value moves, never whether it moves.
 class BenderController
 {
 public:
@@ -30,6 +36,13 @@ public:
 
     /// One tick of the timer.
     void updateBenders();
+    /// Resumes the ticks when they rest and a value can move now. Cheap when they run or when
+    /// there is nothing to do. A timer stopped from outside (to drive the ticks by hand) stays
+    /// stopped.
+    void wake();
+    /// Whether the next tick would move a value: an arrow is held, or a value is away from its
+    /// rest with its auto-release on.
+    bool canMove() const;
     /// Plays `fileName` ("up.wav" or "down.wav") from the resource folder, without blocking.
     void playSound(std::string_view fileName);
 
@@ -61,8 +74,12 @@ private:
     bool movePitchBend();
     bool moveModulation();
 
+    /// Arms the timer for the grid point `nextTickNs_`.
+    void armForNextTick();
+
     QElapsedTimer clock_;
     qint64 nextTickNs_ = 0;
+    bool resting_ = false; // the timer stopped itself because nothing could move
 };
 
 } // namespace plinkora

@@ -1,6 +1,7 @@
 #include "input/keyboard_monitor.h"
 
 #include "benders/bender_controller.h"
+#include "common/diagnostics.h"
 #include "common/settings_store.h"
 #include "common/user_text.h"
 #include "input/function_key_config.h"
@@ -13,7 +14,6 @@
 #include <QTimer>
 
 #include <cstddef>
-#include <cstdio>
 
 namespace plinkora {
 
@@ -35,9 +35,9 @@ bool KeyboardMonitor::isHandledKey(KeyCode code)
 
 bool KeyboardMonitor::monitorCallback(const KeyEvent& event)
 {
-    std::printf("Key event received: type=%u keyCode=%u\n", static_cast<unsigned>(event.type),
-                static_cast<unsigned>(event.keyCode));
-    std::fflush(stdout);
+    // Written once the key's work is done, so its message does not wait for standard output.
+    const LineAfterwards line("Key event received: type=%u keyCode=%u", static_cast<unsigned>(event.type),
+                              static_cast<unsigned>(event.keyCode));
 
     // Act only while the main window is the key window; both absent counts as the same.
     const QObject* active = keyWindow ? keyWindow() : nullptr;
@@ -128,8 +128,9 @@ void KeyboardMonitor::handleKeyEvent(const KeyEvent& event)
         return;
     }
     case KeyRole::Bender:
-        // Arrows only set the flags; the bender timer does the sending.
+        // Arrows only set the flags (and wake the resting timer); the bender timer does the sending.
         benderArrowFlag(code) = keyDown;
+        benderController->wake();
         return;
     case KeyRole::AutoReleaseToggle:
         if (newPress) {
@@ -137,6 +138,7 @@ void KeyboardMonitor::handleKeyEvent(const KeyEvent& event)
             bool& flag = code == kKeyPeriod ? benderController->pitchBendAutoRelease
                                             : benderController->modulationAutoRelease;
             flag = !flag;
+            benderController->wake();
             benderController->playSound(flag ? "up.wav" : "down.wav");
         }
         return;

@@ -165,17 +165,23 @@ void KeyboardView::startUpdateTimer()
 void KeyboardView::updateDisplay()
 {
     const BenderController& bender = *keyboardMonitor_.benderController;
-    octaveLabel_->setText(tr("Octave: %1").arg(keyboardMonitor_.currentOctave));
-    velocityLabel_->setText(tr("Velocity: %1").arg(QString::number(keyboardMonitor_.currentVelocity)));
-
     const std::int64_t bend = truncatedOrFatal(bender.pitchBend, "pitch bend");
     if (bend < std::numeric_limits<std::int64_t>::min() + kPitchBendCentre)
         fatal(QStringLiteral("the pitch bend value %1 minus %2 overflows").arg(bend).arg(kPitchBendCentre).toStdString());
-    const std::int64_t pitch = bend - kPitchBendCentre;
-    pitchBendLabel_->setText(tr("Pitch: %1").arg(pitch));
-
-    const std::int64_t modulation = truncatedOrFatal(bender.modulation, "modulation");
-    modulationLabel_->setText(tr("Mod: %1").arg(modulation));
+    const ShownValues now{keyboardMonitor_.currentOctave, keyboardMonitor_.currentVelocity, bend - kPitchBendCentre,
+                          truncatedOrFatal(bender.modulation, "modulation")};
+    // Most refreshes find the same values: they build no text, repaint and move nothing.
+    if (now == shown_)
+        return;
+    if (now.octave != shown_.octave)
+        octaveLabel_->setText(tr("Octave: %1").arg(now.octave));
+    if (now.velocity != shown_.velocity)
+        velocityLabel_->setText(tr("Velocity: %1").arg(QString::number(now.velocity)));
+    if (now.pitch != shown_.pitch)
+        pitchBendLabel_->setText(tr("Pitch: %1").arg(now.pitch));
+    if (now.modulation != shown_.modulation)
+        modulationLabel_->setText(tr("Mod: %1").arg(now.modulation));
+    shown_ = now;
 
     // The status lines keep their own widths, pinned to the left and right insets.
     layoutStatusLines();

@@ -3,6 +3,8 @@
 #include <QTimer>
 #include <QWidget>
 
+#include <cstdint>
+
 class QLabel;
 
 namespace plinkora {
@@ -40,6 +42,8 @@ public:
     static constexpr int kDesignHeight = 400;
 
     /// One refresh: reads the monitor and its bender controller into the four status lines.
+    /// Texts are set and the lines placed again only for values that changed since the last
+    /// refresh, so an idle refresh repaints nothing.
     void updateDisplay();
 
     /// The size the layout is drawn for, 600 by 400; taller only when the desktop's fonts need
@@ -82,6 +86,17 @@ private:
     QLabel* pitchBendLabel_ = nullptr;
     QLabel* modulationLabel_ = nullptr;
     QTimer updateTimer_;
+
+    /// The values the four status lines show (their initial texts until the first refresh).
+    struct ShownValues
+    {
+        std::int64_t octave = 4;
+        std::int64_t velocity = 80;
+        std::int64_t pitch = 0;
+        std::int64_t modulation = 0;
+        bool operator==(const ShownValues&) const = default;
+    };
+    ShownValues shown_;
 };
 
 } // namespace plinkora

@@ -1,5 +1,6 @@
 #include "support/engine_fixture.h"
 
+#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QTimer>
@@ -273,4 +274,95 @@ TEST_F(BenderControllerTest, DestroyingTheControllerStopsItsTimer)
     QTimer::singleShot(100, &loop, &QEventLoop::quit);
     loop.exec();
     EXPECT_TRUE(sent().empty());
+}
+
+namespace {
+/// Runs the event loop until the bender timer has let itself rest (at most `limitMs`).
+bool waitUntilResting(const BenderController& bender, int limitMs = 5000)
+{
+    QElapsedTimer waited;
+    waited.start();
+    while (bender.updateTimer.isActive() && waited.elapsed() < limitMs)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
+    return !bender.updateTimer.isActive();
+}
+} // namespace
+
+TEST_F(BenderControllerTest, AtRestTheTimerStopsAfterItsFirstTickAndSendsNothing)
+{
+    // GIVEN a new controller, whose timer starts at once; WHEN its first tick finds nothing to move
+    ASSERT_TRUE(bender().updateTimer.isActive());
+    ASSERT_TRUE(waitUntilResting(bender()));
+
+    // THEN it rests without having sent anything, and a wake-up with nothing to move keeps it resting
+    EXPECT_TRUE(sent().empty());
+    EXPECT_FALSE(bender().canMove());
+    bender().wake();
+    EXPECT_FALSE(bender().updateTimer.isActive());
+}
+
+TEST_F(BenderControllerTest, AnArrowWakesTheTimerWhichRestsAgainOnceTheBendIsBackAtTheCentre)
+{
+    // GIVEN a resting timer
+    ASSERT_TRUE(waitUntilResting(bender()));
+
+    // WHEN up is pressed through the key handler; THEN the timer runs again
+    press(kKeyUp);
+    EXPECT_TRUE(bender().updateTimer.isActive());
+    EXPECT_TRUE(bender().canMove());
+    QElapsedTimer waited;
+    waited.start();
+    while (sent().size() < 2 && waited.elapsed() < 5000)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
+    ASSERT_GE(sent().size(), 2u);
+
+    // WHEN it is let go; THEN the bend springs back to the centre and the timer rests there
+    release(kKeyUp);
+    EXPECT_TRUE(bender().updateTimer.isActive());
+    ASSERT_TRUE(waitUntilResting(bender()));
+    EXPECT_EQ(bender().pitchBend, 8192.0);
+    EXPECT_EQ(sent().back(), bend(8192));
+    // Every message on the way up and back is a bend: the same ones the ticks always sent.
+    for (const Bytes& message : sent())
+        EXPECT_EQ(message[0], 0xE0);
+    const std::size_t count = sent().size();
+    QEventLoop loop;
+    QTimer::singleShot(100, &loop, &QEventLoop::quit);
+    loop.exec();
+    EXPECT_EQ(sent().size(), count);
+}
+
+TEST_F(BenderControllerTest, TurningAutoReleaseBackOnWakesTheTimerForTheReturn)
+{
+    // GIVEN a bend left away from the centre with auto-release off, and a resting timer
+    press(kKeyPeriod);
+    ASSERT_FALSE(bender().pitchBendAutoRelease);
+    bender().pitchBend = 8792.0;
+    ASSERT_TRUE(waitUntilResting(bender()));
+    EXPECT_TRUE(sent().empty());
+
+    // WHEN period turns auto-release on again; THEN the timer brings the bend back and rests
+    press(kKeyPeriod);
+    EXPECT_TRUE(bender().updateTimer.isActive());
+    ASSERT_TRUE(waitUntilResting(bender()));
+    EXPECT_EQ(sent(), (std::vector<Bytes>{bend(8592), bend(8392), bend(8192)}));
+}
+
+TEST_F(BenderControllerTest, ASpeedChangeAtRestGivesTheTimerNothingToDo)
+{
+    ASSERT_TRUE(waitUntilResting(bender()));
+    bender().pitchBendSpeed = 300.0;
+    bender().modulationSpeed = 5.0;
+    bender().wake();
+    EXPECT_FALSE(bender().updateTimer.isActive());
+}
+
+TEST_F(BenderControllerTest, ATimerStoppedFromOutsideStaysStoppedWhenAnArrowIsPressed)
+{
+    // The benchmarks and the fuzzers drive the ticks by hand.
+    bender().updateTimer.stop();
+    press(kKeyRight);
+    EXPECT_FALSE(bender().updateTimer.isActive());
+    ticks(1);
+    EXPECT_EQ(sent(), (std::vector<Bytes>{mod(1)}));
 }

@@ -1,6 +1,11 @@
 #include "support/engine_fixture.h"
 
+#include "midi/null_backend.h"
+
 #include <QCoreApplication>
+
+#include <cstdio>
+#include <unistd.h>
 
 using namespace plinkora;
 using namespace plinkora::testing;
@@ -330,4 +335,43 @@ TEST_F(KeyboardMonitorTest, OctaveKeysChangeNothingThatSounds)
         press(key);
     EXPECT_EQ(monitor().currentOctave, 9);
     EXPECT_TRUE(sent().empty());
+}
+
+namespace {
+/// A back end that notes how much of standard output had been written when a message came.
+class StdoutWatchingBackend final : public NullBackend
+{
+public:
+    MidiStatus received(std::uint32_t, const MidiPacket&) override
+    {
+        std::fflush(stdout);
+        writtenAtSend.push_back(::lseek(STDOUT_FILENO, 0, SEEK_CUR));
+        return kStatusOk;
+    }
+    std::vector<off_t> writtenAtSend;
+};
+} // namespace
+
+TEST(KeyboardMonitorOutputTest, TheKeyMessageLeavesBeforeTheKeysLineIsWritten)
+{
+    // GIVEN a monitor whose back end sees how far standard output (captured to a file) has come
+    QTemporaryDir dir;
+    QSettings qsettings(dir.filePath("plinkora.conf"), QSettings::IniFormat);
+    SettingsStore settings(qsettings);
+    auto watching = std::make_unique<StdoutWatchingBackend>();
+    StdoutWatchingBackend& backend = *watching;
+    MIDIManager midi(std::move(watching));
+    KeyboardMonitor monitor(midi, settings, std::make_unique<RecordingSoundPlayer>(), std::make_unique<RecordingAnnouncer>());
+    backend.writtenAtSend.clear();
+
+    // WHEN A is pressed and released
+    ::testing::internal::CaptureStdout();
+    monitor.monitorCallback({kEventKeyDown, kA, 0});
+    monitor.monitorCallback({kEventKeyUp, kA, 0});
+    const std::string printed = ::testing::internal::GetCapturedStdout();
+
+    // THEN each message went out before its own line, and the lines are whole and in order
+    const std::string first = "Key event received: type=10 keyCode=0\n";
+    EXPECT_EQ(printed, first + "Key event received: type=11 keyCode=0\n");
+    EXPECT_EQ(backend.writtenAtSend, (std::vector<off_t>{0, static_cast<off_t>(first.size())}));
 }

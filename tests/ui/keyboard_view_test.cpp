@@ -103,6 +103,78 @@ TEST_F(KeyboardViewTest, TheFirstTickShowsTheMonitorsTrueValues)
     EXPECT_EQ(v.modulationLabel()->text(), "Mod: 0");
 }
 
+namespace {
+/// Counts the paint, move, resize and layout events that reach the widgets it watches.
+class RedrawCounter final : public QObject
+{
+public:
+    void watch(QWidget* widget) { widget->installEventFilter(this); }
+    int paints = 0;
+    int relayouts = 0;
+
+protected:
+    bool eventFilter(QObject*, QEvent* event) override
+    {
+        switch (event->type()) {
+        case QEvent::Paint:
+            ++paints;
+            break;
+        case QEvent::Move:
+        case QEvent::Resize:
+        case QEvent::LayoutRequest:
+            ++relayouts;
+            break;
+        default:
+            break;
+        }
+        return false;
+    }
+};
+} // namespace
+
+TEST_F(KeyboardViewTest, IdleRefreshesRepaintAndPlaceNothingAndAChangedValueRepaintsItsLine)
+{
+    // GIVEN a shown view that has refreshed once and painted everything
+    QMainWindow window;
+    auto* v = new KeyboardView(monitor());
+    window.setCentralWidget(v);
+    window.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
+    v->updateDisplay();
+    QTest::qWait(50);
+    RedrawCounter counter;
+    counter.watch(v);
+    for (QLabel* label : {v->titleLabel(), v->statusLabel(), v->octaveLabel(), v->velocityLabel(), v->pitchBendLabel(),
+                          v->modulationLabel(), v->instructionsLabel()})
+        counter.watch(label);
+
+    // WHEN nothing changes through several refreshes, by hand and by the view's timer
+    for (int i = 0; i < 20; ++i)
+        v->updateDisplay();
+    QTest::qWait(350);
+
+    // THEN nothing was repainted or placed again
+    EXPECT_EQ(counter.paints, 0);
+    EXPECT_EQ(counter.relayouts, 0);
+
+    // AND an idle refresh does not even set the texts again: a text put on a line from outside
+    // stays until its value changes
+    v->pitchBendLabel()->setText("untouched");
+    v->updateDisplay();
+    EXPECT_EQ(v->pitchBendLabel()->text(), "untouched");
+    bender().pitchBend = 8200.0;
+    v->updateDisplay();
+    EXPECT_EQ(v->pitchBendLabel()->text(), "Pitch: 8");
+    QTest::qWait(50);
+    counter.paints = 0;
+
+    // WHEN the octave changes; THEN its line shows it and is repainted
+    monitor().currentOctave = 6;
+    v->updateDisplay();
+    EXPECT_EQ(v->octaveLabel()->text(), "Octave: 6");
+    ASSERT_TRUE(QTest::qWaitFor([&counter] { return counter.paints > 0; }, 5000));
+}
+
 TEST_F(KeyboardViewTest, PitchShowsTheBendTruncatedTowardZeroMinus8192)
 {
     const std::vector<std::pair<double, QString>> cases{
