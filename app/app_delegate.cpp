@@ -93,7 +93,7 @@ AppDelegate::~AppDelegate()
     midiManager.reset();
 }
 
-void AppDelegate::publishMidiPort()
+void AppDelegate::publishMIDIPort()
 {
     // The MIDI output first: the port "PLK" is published before anything can play. A failure
     // is reported by the MIDI output itself and does not stop the start-up.
@@ -101,16 +101,16 @@ void AppDelegate::publishMidiPort()
         return;
     // The port's back end is kept through a service that dies and returns; the built-in
     // synthesizer hears what it sends beside it, and goes on sounding while the port is lost.
-    std::unique_ptr<MidiBackend> backend = services_.makeMidiBackend();
+    std::unique_ptr<MIDIBackend> backend = services_.makeMIDIBackend();
     std::unique_ptr<RecoveringBackend> port;
     if (services_.makePatchbay) {
-        std::unique_ptr<MidiPatchbay> patchbay = services_.makePatchbay(*backend);
+        std::unique_ptr<MIDIPatchbay> patchbay = services_.makePatchbay(*backend);
         port = std::make_unique<RecoveringBackend>(std::move(backend), std::move(patchbay));
     } else {
         port = makeRecoveringBackend(std::move(backend));
     }
     midiService_ = port.get();
-    std::unique_ptr<MidiBackend> output = std::move(port);
+    std::unique_ptr<MIDIBackend> output = std::move(port);
     if (services_.addBuiltInSynth)
         output = services_.addBuiltInSynth(std::move(output));
     midiManager = std::make_unique<MIDIManager>(std::move(output));
@@ -131,7 +131,7 @@ void AppDelegate::applicationDidFinishLaunching()
             &AppDelegate::applicationWillTerminate);
 
     // The menu bar belongs to the main window on Linux and Windows; it is made with it below.
-    publishMidiPort();
+    publishMIDIPort();
 
     std::unique_ptr<SoundPlayer> soundPlayer = services_.makeSoundPlayer();
     std::unique_ptr<Announcer> announcer = services_.makeAnnouncer();
@@ -168,8 +168,8 @@ void AppDelegate::applicationDidFinishLaunching()
 
 void AppDelegate::makeConnections()
 {
-    MidiBackend& backend = *midiService_;
-    MidiPatchbay& patchbay = midiService_->patchbay();
+    MIDIBackend& backend = *midiService_;
+    MIDIPatchbay& patchbay = midiService_->patchbay();
     // Without a patchbay on a real MIDI system, connections made by other programs cannot be
     // seen: whether anything will sound is not known.
     const bool connectionsUnknown = !midiService_->hasPatchbay() && backend.apiName() != "null";

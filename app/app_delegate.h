@@ -17,8 +17,8 @@ class KeyEventFilter;
 class KeyFocusWatch;
 class KeyboardMonitor;
 class MainWindow;
-class MidiBackend;
-class MidiPatchbay;
+class MIDIBackend;
+class MIDIPatchbay;
 class MIDIManager;
 class PreferencesWindow;
 class RecoveringBackend;
@@ -31,7 +31,7 @@ class SynthControl;
 struct AppServices
 {
     /// The MIDI back end; made first at launch, and the port is published at once.
-    std::function<std::unique_ptr<MidiBackend>()> makeMidiBackend;
+    std::function<std::unique_ptr<MIDIBackend>()> makeMIDIBackend;
     /// The player of the feedback sounds, for the bender controller.
     std::function<std::unique_ptr<SoundPlayer>()> makeSoundPlayer;
     /// The announcer (speech and screen readers), for the property manager.
@@ -45,13 +45,13 @@ struct AppServices
     std::function<void(const QString&)> chooseAudioDriver;
     /// The connections of the port PLK on the MIDI system of `backend`; when empty, the
     /// patchbay of that system (none for the null output).
-    std::function<std::unique_ptr<MidiPatchbay>(MidiBackend& backend)> makePatchbay;
+    std::function<std::unique_ptr<MIDIPatchbay>(MIDIBackend& backend)> makePatchbay;
     /// Puts the built-in synthesizer beside the port: the back end returned hands every message
     /// to `port` and to the synthesizer. The port alone when empty.
-    std::function<std::unique_ptr<MidiBackend>(std::unique_ptr<MidiBackend> port)> addBuiltInSynth;
+    std::function<std::unique_ptr<MIDIBackend>(std::unique_ptr<MIDIBackend> port)> addBuiltInSynth;
     /// Hands the built-in synthesizer the view of PLK's readers it follows in the auto mode
     /// (null: stop following, before the view goes). Ignored when empty.
-    std::function<void(MidiPatchbay* readers)> followReaders;
+    std::function<void(MIDIPatchbay* readers)> followReaders;
     /// The built-in synthesizer's control, owned by the services; none when empty or null.
     std::function<SynthControl*()> synthControl;
     /// Ends the event loop after the termination; QCoreApplication::quit() when empty.
@@ -108,8 +108,8 @@ public slots:
     /// The first step of the start-up on its own: makes the MIDI output, which publishes the
     /// port "PLK". Needs no application object, so the program runs it before the toolkit
     /// starts; applicationDidFinishLaunching() runs it when it has not run. Runs once.
-    void publishMidiPort();
-    /// Start-up, in order: MIDI output (the port "PLK" is published, unless publishMidiPort()
+    void publishMIDIPort();
+    /// Start-up, in order: MIDI output (the port "PLK" is published, unless publishMIDIPort()
     /// did it already), keyboard monitor, the watch of the key focus, key-event filter (stored in the monitor's
     /// localMonitor), main window with its menu bar (showKeyboard), the announcer's status-bar
     /// label, PLK's connections (restored, and shown in the main window). Needs the
@@ -141,7 +141,7 @@ private:
     std::unique_ptr<KeyEventFilter> keyEventFilter_;
     std::unique_ptr<KeyFocusWatch> keyFocusWatch_;
     RecoveringBackend* midiService_ = nullptr; // owned by midiManager
-    std::unique_ptr<MidiPatchbay> synthReaders_; // a view of midiService_'s patchbay
+    std::unique_ptr<MIDIPatchbay> synthReaders_; // a view of midiService_'s patchbay
     // Closed preferences windows waiting for their deferred deletion.
     std::vector<QPointer<PreferencesWindow>> closedPreferences_;
     bool launched_ = false;

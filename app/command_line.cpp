@@ -37,7 +37,7 @@ std::string alternatives(const std::vector<std::string>& names)
 std::string validNames()
 {
     std::vector<std::string> names;
-    for (const auto& api : kMidiApis)
+    for (const auto& api : kMIDIApis)
         names.emplace_back(api.name);
     return alternatives(names);
 }
@@ -121,7 +121,7 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments)
             } else {
                 value = argument.substr(std::string_view("--midi-api=").size());
             }
-            const MidiApiParse parsed = parseMidiApi(value);
+            const MIDIApiParse parsed = parseMIDIApi(value);
             if (!parsed.kind)
                 return failure(parsed.error);
             result.midiApi = std::string(midiApiName(*parsed.kind));

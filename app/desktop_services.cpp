@@ -59,7 +59,7 @@ DesktopServices::~DesktopServices() = default;
 AppServices DesktopServices::services()
 {
     AppServices services;
-    services.makeMidiBackend = [this] { return makeMidiBackend(); };
+    services.makeMIDIBackend = [this] { return makeMIDIBackend(); };
     services.makeSoundPlayer = [] { return std::make_unique<QtSoundPlayer>(); };
     services.makeAnnouncer = [this] { return makeAnnouncer(); };
     services.chooseSoundFont = [this](const QString& path) {
@@ -70,8 +70,8 @@ AppServices DesktopServices::services()
         if (synth_)
             synth_->setAudioDriver(name.toStdString());
     };
-    services.addBuiltInSynth = [this](std::unique_ptr<MidiBackend> port) { return addBuiltInSynth(std::move(port)); };
-    services.followReaders = [this](MidiPatchbay* readers) {
+    services.addBuiltInSynth = [this](std::unique_ptr<MIDIBackend> port) { return addBuiltInSynth(std::move(port)); };
+    services.followReaders = [this](MIDIPatchbay* readers) {
         if (synth_)
             synth_->setPatchbay(readers);
     };
@@ -83,26 +83,26 @@ AppServices DesktopServices::services()
     return services;
 }
 
-std::unique_ptr<MidiBackend> DesktopServices::makeMidiBackend()
+std::unique_ptr<MIDIBackend> DesktopServices::makeMIDIBackend()
 {
     std::string requested;
     if (midiApi_) {
         requested = *midiApi_;
     } else {
-        requested = settings_.stringForKey(QString::fromLatin1(kMidiApiKey)).trimmed().toStdString();
+        requested = settings_.stringForKey(QString::fromLatin1(kMIDIApiKey)).trimmed().toStdString();
     }
     std::string error;
-    std::unique_ptr<MidiBackend> backend = chooseBackend(requested, error);
+    std::unique_ptr<MIDIBackend> backend = chooseBackend(requested, error);
     if (!backend) {
         // Only the setting can name an unknown system here: the command line was checked.
-        printLine("Ignoring the setting \"" + std::string(kMidiApiKey) + "\" in "
+        printLine("Ignoring the setting \"" + std::string(kMIDIApiKey) + "\" in "
                   + settings_.fileName().toStdString() + ": " + error);
         backend = chooseBackend({}, error);
     }
     return backend;
 }
 
-std::unique_ptr<MidiBackend> DesktopServices::addBuiltInSynth(std::unique_ptr<MidiBackend> port)
+std::unique_ptr<MIDIBackend> DesktopServices::addBuiltInSynth(std::unique_ptr<MIDIBackend> port)
 {
 #if defined(PLINKORA_HAVE_FLUIDSYNTH)
     // The built-in synthesizer hears what the port sends; its sound font loads on a worker.

@@ -40,13 +40,13 @@ public:
     /// server, which opens one client at a time (50 ms later to the port, 60 to the window).
     void startBuiltInSynth();
 
-    static constexpr const char* kMidiApiKey = "MidiApi";
+    static constexpr const char* kMIDIApiKey = "MidiApi";
 
 private:
-    std::unique_ptr<MidiBackend> makeMidiBackend();
+    std::unique_ptr<MIDIBackend> makeMIDIBackend();
     /// Makes the built-in synthesizer (not started yet) and a fan-out that hands every message to
     /// `port` and to it.
-    std::unique_ptr<MidiBackend> addBuiltInSynth(std::unique_ptr<MidiBackend> port);
+    std::unique_ptr<MIDIBackend> addBuiltInSynth(std::unique_ptr<MIDIBackend> port);
     std::unique_ptr<Announcer> makeAnnouncer();
 
     std::optional<std::string> midiApi_;

@@ -91,7 +91,7 @@ int main(int argc, char** argv)
     // The port is published before the toolkit starts: it is the first thing of the start-up
     // and needs nothing from the toolkit (the window system connection takes tens of
     // milliseconds).
-    delegate->publishMidiPort();
+    delegate->publishMIDIPort();
 
     int status = 0;
     {

@@ -82,7 +82,7 @@ class TimestampingBackend final : public NullBackend
 {
 public:
     std::string_view apiName() const override { return "timestamping"; }
-    MidiStatus send(std::uint32_t, MidiBytes message) override
+    MIDIStatus send(std::uint32_t, MIDIBytes message) override
     {
         const Clock::time_point now = Clock::now();
         ++messages;
@@ -259,8 +259,8 @@ std::uint8_t expectedStatus(Kind kind)
 
 struct Samples
 {
-    std::vector<double> filterToMidi[4]; // ns, by kind (NoteOn .. SustainOff)
-    std::vector<double> windowToMidi[4];
+    std::vector<double> filterToMIDI[4]; // ns, by kind (NoteOn .. SustainOff)
+    std::vector<double> windowToMIDI[4];
     std::vector<double> undisturbed; // filter -> MIDI of the events the thread ran through
     std::size_t switchedOut = 0;     // events during which the thread was switched out
     std::size_t unexpected = 0;      // a MIDI-producing key without its message, or a wrong one
@@ -340,14 +340,14 @@ public:
                     || backend_.bytes[0] != expectedStatus(step.kind)) {
                     ++samples->unexpected;
                 } else {
-                    const double filterToMidi =
+                    const double filterToMIDI =
                         std::chrono::duration<double, std::nano>(backend_.stamp - entry_.stamp).count();
-                    samples->filterToMidi[kind].push_back(filterToMidi);
+                    samples->filterToMIDI[kind].push_back(filterToMIDI);
                     if (switched)
                         ++samples->switchedOut;
                     else
-                        samples->undisturbed.push_back(filterToMidi);
-                    samples->windowToMidi[kind].push_back(
+                        samples->undisturbed.push_back(filterToMIDI);
+                    samples->windowToMIDI[kind].push_back(
                         std::chrono::duration<double, std::nano>(backend_.stamp - start).count());
                 }
             } else if (samples && backend_.stamped) {
@@ -472,7 +472,7 @@ int main(int argc, char** argv)
 
     TimestampingBackend* backend = nullptr;
     AppServices services;
-    services.makeMidiBackend = [&backend] {
+    services.makeMIDIBackend = [&backend] {
         auto made = std::make_unique<TimestampingBackend>();
         backend = made.get();
         return made;
@@ -516,10 +516,10 @@ int main(int argc, char** argv)
         for (std::size_t t = 0; t < targets.size(); ++t) {
             sink.redirect(targets[t]);
             bench.play(warmupSteps, nullptr);
-            results[t].filterToMidi[0].reserve(pairs);
-            results[t].filterToMidi[1].reserve(pairs);
-            results[t].windowToMidi[0].reserve(pairs);
-            results[t].windowToMidi[1].reserve(pairs);
+            results[t].filterToMIDI[0].reserve(pairs);
+            results[t].filterToMIDI[1].reserve(pairs);
+            results[t].windowToMIDI[0].reserve(pairs);
+            results[t].windowToMIDI[1].reserve(pairs);
             bench.play(steps, &results[t]);
             sink.restore();
             readBytes[t] = sink.readerBytes();
@@ -541,11 +541,11 @@ int main(int argc, char** argv)
         const Samples& s = results[t];
         std::vector<double> allFilter, allWindow;
         for (int k = 0; k < 4; ++k) {
-            allFilter.insert(allFilter.end(), s.filterToMidi[k].begin(), s.filterToMidi[k].end());
-            allWindow.insert(allWindow.end(), s.windowToMidi[k].begin(), s.windowToMidi[k].end());
+            allFilter.insert(allFilter.end(), s.filterToMIDI[k].begin(), s.filterToMIDI[k].end());
+            allWindow.insert(allWindow.end(), s.windowToMIDI[k].begin(), s.windowToMIDI[k].end());
         }
-        std::vector<double> sustain = s.filterToMidi[2];
-        sustain.insert(sustain.end(), s.filterToMidi[3].begin(), s.filterToMidi[3].end());
+        std::vector<double> sustain = s.filterToMIDI[2];
+        sustain.insert(sustain.end(), s.filterToMIDI[3].begin(), s.filterToMIDI[3].end());
         const Figures total = figuresOf(allFilter);
         std::string& list = total.p99 < 10000.0 ? met : missed;
         list += (list.empty() ? "" : ", ") + std::string(nameOf(targets[t]));
@@ -555,8 +555,8 @@ int main(int argc, char** argv)
             << "median" << std::setw(9) << "p90" << std::setw(9) << "p99" << std::setw(9) << "p99.9" << std::setw(10)
             << "max" << "\n";
         printRow(out, "filter -> MIDI back end", total);
-        printRow(out, "  note-on", figuresOf(s.filterToMidi[0]));
-        printRow(out, "  note-off", figuresOf(s.filterToMidi[1]));
+        printRow(out, "  note-on", figuresOf(s.filterToMIDI[0]));
+        printRow(out, "  note-off", figuresOf(s.filterToMIDI[1]));
         printRow(out, "  sustain on/off", figuresOf(sustain));
         printRow(out, "window -> MIDI back end", figuresOf(allWindow));
         printRow(out, "filter -> MIDI, not switched out", figuresOf(s.undisturbed));

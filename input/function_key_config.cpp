@@ -38,7 +38,7 @@ std::optional<QString> FunctionKeyConfig::storeTypedText(SettingsStore& settings
 {
     const QByteArray utf8 = text.toUtf8();
     const std::optional<std::uint8_t> value = parseUInt8(std::string_view(utf8.constData(), static_cast<std::size_t>(utf8.size())));
-    if (value && *value <= kMidiDataMax) {
+    if (value && *value <= kMIDIDataMax) {
         settings.setInteger(*value, key(index));
         return std::nullopt;
     }

@@ -63,12 +63,12 @@ std::optional<int> functionKeyIndex(KeyCode code)
 std::uint8_t noteNumber(std::int64_t octave, std::int64_t offset, std::int64_t transposition)
 {
     const std::int64_t raw = octave * 12 + offset + transposition;
-    return static_cast<std::uint8_t>(std::clamp<std::int64_t>(raw, 0, kMidiDataMax));
+    return static_cast<std::uint8_t>(std::clamp<std::int64_t>(raw, 0, kMIDIDataMax));
 }
 
 std::uint8_t clampVelocity(std::uint8_t value)
 {
-    const std::uint8_t limited = std::min(value, kMidiDataMax);
+    const std::uint8_t limited = std::min(value, kMIDIDataMax);
     return limited == 0 ? 1 : limited;
 }
 

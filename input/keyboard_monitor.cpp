@@ -101,7 +101,7 @@ void KeyboardMonitor::handleKeyEvent(const KeyEvent& event)
         const bool shift = (event.modifierFlags & kShiftFlag) != 0;
         if (shift != sustainActive) {
             sustainActive = shift;
-            midiManager.sendControlChange(64, shift ? kMidiDataMax : 0, propertyManager->getChannel());
+            midiManager.sendControlChange(64, shift ? kMIDIDataMax : 0, propertyManager->getChannel());
         }
         return;
     }
@@ -124,7 +124,7 @@ void KeyboardMonitor::handleKeyEvent(const KeyEvent& event)
         // No repeat filter: every key-down sends 127 again.
         const std::uint8_t channel = propertyManager->getChannel();
         const std::uint8_t controller = kFunctionKeyConfig.controllerNumber(settings_, *functionKeyIndex(code));
-        midiManager.sendControlChange(controller, keyDown ? kMidiDataMax : 0, channel);
+        midiManager.sendControlChange(controller, keyDown ? kMIDIDataMax : 0, channel);
         return;
     }
     case KeyRole::Bender:

@@ -144,7 +144,7 @@ bool AlsaPatchbay::findSource(snd_seq_t* seq, Address& source)
     return found;
 }
 
-bool AlsaPatchbay::findDestination(snd_seq_t* seq, const MidiDestination& destination, Address& found)
+bool AlsaPatchbay::findDestination(snd_seq_t* seq, const MIDIDestination& destination, Address& found)
 {
     bool any = false;
     forEachPort(seq, [&](snd_seq_client_info_t* client, const snd_seq_port_info_t* port) {
@@ -178,9 +178,9 @@ struct Subscription
 };
 } // namespace
 
-std::vector<MidiDestination> AlsaPatchbay::destinations()
+std::vector<MIDIDestination> AlsaPatchbay::destinations()
 {
-    std::vector<MidiDestination> list;
+    std::vector<MIDIDestination> list;
     if (!ensureClient())
         return list;
     client_->withSequencer([&](snd_seq_t* seq) {
@@ -198,9 +198,9 @@ std::vector<MidiDestination> AlsaPatchbay::destinations()
     return list;
 }
 
-std::vector<MidiDestination> AlsaPatchbay::connections()
+std::vector<MIDIDestination> AlsaPatchbay::connections()
 {
-    std::vector<MidiDestination> list;
+    std::vector<MIDIDestination> list;
     if (!ensureClient())
         return list;
     client_->withSequencer([&](snd_seq_t* seq) {
@@ -238,7 +238,7 @@ bool AlsaPatchbay::sourcePublished()
     });
 }
 
-bool AlsaPatchbay::connect(const MidiDestination& destination)
+bool AlsaPatchbay::connect(const MIDIDestination& destination)
 {
     if (!ensureClient())
         return false;
@@ -253,7 +253,7 @@ bool AlsaPatchbay::connect(const MidiDestination& destination)
     });
 }
 
-bool AlsaPatchbay::disconnect(const MidiDestination& destination)
+bool AlsaPatchbay::disconnect(const MIDIDestination& destination)
 {
     if (!ensureClient())
         return true;

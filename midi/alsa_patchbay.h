@@ -19,7 +19,7 @@ class AlsaAnnouncements;
 /// the change callback. The client is opened by the first call, and again by the first call
 /// after the sequencer failed under it.
 /// Linux only.
-class AlsaPatchbay final : public MidiPatchbay
+class AlsaPatchbay final : public MIDIPatchbay
 {
 public:
     /// `sourceClient`, `sourcePort`: the names of Plinkora's port; of the clients with that
@@ -30,11 +30,11 @@ public:
     AlsaPatchbay(const AlsaPatchbay&) = delete;
     AlsaPatchbay& operator=(const AlsaPatchbay&) = delete;
 
-    std::vector<MidiDestination> destinations() override;
-    std::vector<MidiDestination> connections() override;
+    std::vector<MIDIDestination> destinations() override;
+    std::vector<MIDIDestination> connections() override;
     bool sourcePublished() override;
-    bool connect(const MidiDestination& destination) override;
-    bool disconnect(const MidiDestination& destination) override;
+    bool connect(const MIDIDestination& destination) override;
+    bool disconnect(const MIDIDestination& destination) override;
     /// Called on the patchbay's own thread for clients and ports that start, end or change,
     /// and subscriptions made or removed.
     void setChangeCallback(std::function<void()> changed) override;
@@ -49,7 +49,7 @@ private:
     bool ensureClient();
     void notify();
     bool findSource(_snd_seq* seq, Address& source);
-    bool findDestination(_snd_seq* seq, const MidiDestination& destination, Address& found);
+    bool findDestination(_snd_seq* seq, const MIDIDestination& destination, Address& found);
 
     std::string sourceClient_;
     std::string sourcePort_;

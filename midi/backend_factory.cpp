@@ -23,39 +23,39 @@ namespace {
 // client open or close costs several milliseconds at start-up.
 bool jackServerRunningKeepingTheClient(std::unique_ptr<JackCycleWatch>& opened)
 {
-    MidiStatus whyNot = kStatusOk; // no server and a refused client both mean: not JACK
+    MIDIStatus whyNot = kStatusOk; // no server and a refused client both mean: not JACK
     opened = JackCycleWatch::open(std::string(kPortName).append(kJackWatchSuffix), whyNot);
     return opened != nullptr;
 }
 } // namespace
 
-std::unique_ptr<MidiBackend> makeBackend(MidiApiKind kind, std::unique_ptr<JackCycleWatch> jackClient)
+std::unique_ptr<MIDIBackend> makeBackend(MIDIApiKind kind, std::unique_ptr<JackCycleWatch> jackClient)
 {
     switch (kind) {
 #if defined(__APPLE__)
-    case MidiApiKind::CoreMidi:
-        return std::make_unique<RtMidiBackend>(RtMidiBackend::System::CoreMidi);
+    case MIDIApiKind::CoreMIDI:
+        return std::make_unique<RtMidiBackend>(RtMidiBackend::System::CoreMIDI);
 #else
-    case MidiApiKind::Alsa:
+    case MIDIApiKind::Alsa:
         return std::make_unique<RtMidiBackend>(RtMidiBackend::System::AlsaSequencer);
 #endif
-    case MidiApiKind::Jack:
+    case MIDIApiKind::Jack:
         return std::make_unique<RtMidiBackend>(RtMidiBackend::System::Jack, std::move(jackClient));
-    case MidiApiKind::Null:
+    case MIDIApiKind::Null:
         break;
     }
     return std::make_unique<NullBackend>();
 }
 
-std::unique_ptr<MidiPatchbay> makePatchbay(MidiApiKind kind)
+std::unique_ptr<MIDIPatchbay> makePatchbay(MIDIApiKind kind)
 {
     switch (kind) {
 #if defined(PLINKORA_HAVE_ALSA)
-    case MidiApiKind::Alsa:
+    case MIDIApiKind::Alsa:
         return std::make_unique<AlsaPatchbay>();
 #endif
 #if defined(PLINKORA_HAVE_JACK)
-    case MidiApiKind::Jack:
+    case MIDIApiKind::Jack:
         return std::make_unique<JackPatchbay>();
 #endif
     default:
@@ -64,16 +64,16 @@ std::unique_ptr<MidiPatchbay> makePatchbay(MidiApiKind kind)
     return std::make_unique<NullPatchbay>();
 }
 
-std::unique_ptr<RecoveringBackend> makeRecoveringBackend(std::unique_ptr<MidiBackend> port)
+std::unique_ptr<RecoveringBackend> makeRecoveringBackend(std::unique_ptr<MIDIBackend> port)
 {
-    const MidiApiParse parsed = parseMidiApi(port->apiName());
-    std::unique_ptr<MidiPatchbay> patchbay = parsed.kind ? makePatchbay(*parsed.kind) : nullptr;
+    const MIDIApiParse parsed = parseMIDIApi(port->apiName());
+    std::unique_ptr<MIDIPatchbay> patchbay = parsed.kind ? makePatchbay(*parsed.kind) : nullptr;
     return std::make_unique<RecoveringBackend>(std::move(port), std::move(patchbay));
 }
 
-std::unique_ptr<MidiBackend> makeBackend(std::string_view name, std::string& error)
+std::unique_ptr<MIDIBackend> makeBackend(std::string_view name, std::string& error)
 {
-    MidiApiParse parsed = parseMidiApi(name);
+    MIDIApiParse parsed = parseMIDIApi(name);
     if (!parsed.kind) {
         error = std::move(parsed.error);
         return nullptr;
@@ -81,42 +81,42 @@ std::unique_ptr<MidiBackend> makeBackend(std::string_view name, std::string& err
     return makeBackend(*parsed.kind);
 }
 
-MidiServiceProbes systemProbes()
+MIDIServiceProbes systemProbes()
 {
     return {&alsaSequencerAvailable, &jackServerRunningKeepingTheClient};
 }
 
-MidiApiKind defaultMidiApi(const MidiServiceProbes& probes)
+MIDIApiKind defaultMIDIApi(const MIDIServiceProbes& probes)
 {
     std::unique_ptr<JackCycleWatch> jackClient; // only the answer is wanted: closed at once
-    return defaultMidiApi(probes, jackClient);
+    return defaultMIDIApi(probes, jackClient);
 }
 
-MidiApiKind defaultMidiApi(const MidiServiceProbes& probes, std::unique_ptr<JackCycleWatch>& jackClient)
+MIDIApiKind defaultMIDIApi(const MIDIServiceProbes& probes, std::unique_ptr<JackCycleWatch>& jackClient)
 {
 #if defined(__APPLE__)
-    return MidiApiKind::CoreMidi; // always there
+    return MIDIApiKind::CoreMIDI; // always there
 #else
     // What the desktop runs comes first: a JACK server, or PipeWire's JACK interface where the
     // JACK library is PipeWire's (both answer a JACK client). The ALSA sequencer is there on
     // nearly every Linux machine, whatever the desktop uses; PipeWire bridges it too.
     if (probes.jackServer != nullptr && probes.jackServer(jackClient))
-        return MidiApiKind::Jack;
+        return MIDIApiKind::Jack;
     if (probes.alsaSequencer != nullptr && probes.alsaSequencer())
-        return MidiApiKind::Alsa;
-    return MidiApiKind::Null;
+        return MIDIApiKind::Alsa;
+    return MIDIApiKind::Null;
 #endif
 }
 
-std::unique_ptr<MidiBackend> chooseBackend(std::string_view requested, std::string& error,
-                                           const MidiServiceProbes& probes)
+std::unique_ptr<MIDIBackend> chooseBackend(std::string_view requested, std::string& error,
+                                           const MIDIServiceProbes& probes)
 {
     std::unique_ptr<JackCycleWatch> jackClient; // the JACK probe's client, for the JACK back end
-    MidiApiKind kind;
+    MIDIApiKind kind;
     if (requested.empty()) {
-        kind = defaultMidiApi(probes, jackClient);
+        kind = defaultMIDIApi(probes, jackClient);
     } else {
-        MidiApiParse parsed = parseMidiApi(requested);
+        MIDIApiParse parsed = parseMIDIApi(requested);
         if (!parsed.kind) {
             error = std::move(parsed.error);
             return nullptr;

@@ -29,19 +29,19 @@ QString statusLine(const char* source, const QList<UserText>& arguments)
     return UserText::translated("Connections", source, arguments).shown;
 }
 
-QString nameOf(const MidiDestination& destination)
+QString nameOf(const MIDIDestination& destination)
 {
     return QString::fromStdString(destination.name());
 }
 
-bool contains(const std::vector<MidiDestination>& list, const MidiDestination& destination)
+bool contains(const std::vector<MIDIDestination>& list, const MIDIDestination& destination)
 {
     return std::find(list.begin(), list.end(), destination) != list.end();
 }
 
 } // namespace
 
-ConnectionKeeper::ConnectionKeeper(MidiPatchbay& patchbay, SettingsStore& settings, Announce announce,
+ConnectionKeeper::ConnectionKeeper(MIDIPatchbay& patchbay, SettingsStore& settings, Announce announce,
                                    SynthControl* synth, QString midiSystem, bool published)
     : QObject(nullptr)
     , patchbay_(patchbay)
@@ -76,7 +76,7 @@ void ConnectionKeeper::start(const std::vector<std::string>& connectThisRun)
 
     const auto isThere = [this](const QString& wanted) {
         return std::any_of(destinations_.begin(), destinations_.end(),
-                           [&](const MidiDestination& d) { return matches(wanted, d, destinations_); });
+                           [&](const MIDIDestination& d) { return matches(wanted, d, destinations_); });
     };
     for (const QString& wanted : remembered()) {
         if (!isThere(wanted))
@@ -104,13 +104,13 @@ void ConnectionKeeper::scheduleRefresh()
 
 void ConnectionKeeper::refresh()
 {
-    std::vector<MidiDestination> destinations = patchbay_.destinations();
-    std::vector<MidiDestination> connections = patchbay_.connections();
+    std::vector<MIDIDestination> destinations = patchbay_.destinations();
+    std::vector<MIDIDestination> connections = patchbay_.connections();
 
     // A wanted input that is there is connected: at start, when it appears (again), and when
     // its connection was broken while it stayed.
     bool connectedAny = false;
-    for (const MidiDestination& destination : destinations) {
+    for (const MIDIDestination& destination : destinations) {
         if (contains(connections, destination) || !isWanted(destination, destinations))
             continue;
         if (patchbay_.connect(destination)) {
@@ -123,11 +123,11 @@ void ConnectionKeeper::refresh()
     if (connectedAny)
         connections = patchbay_.connections();
 
-    for (const MidiDestination& destination : connections) {
+    for (const MIDIDestination& destination : connections) {
         if (!contains(connections_, destination))
             announce_(connectedTo(nameOf(destination)));
     }
-    for (const MidiDestination& destination : connections_) {
+    for (const MIDIDestination& destination : connections_) {
         if (!contains(connections, destination))
             announce_(disconnected(nameOf(destination)));
     }
@@ -147,11 +147,11 @@ std::vector<ConnectionEntry> ConnectionKeeper::entries() const
     std::vector<ConnectionEntry> list;
     if (synth_)
         list.push_back({ConnectionEntry::Kind::Synth, QLatin1String(kSynthName), synthWasHeard_});
-    for (const MidiDestination& destination : destinations_)
+    for (const MIDIDestination& destination : destinations_)
         list.push_back({ConnectionEntry::Kind::Destination, nameOf(destination), contains(connections_, destination)});
     for (const QString& wanted : remembered()) {
         const bool there = std::any_of(destinations_.begin(), destinations_.end(),
-                                       [&](const MidiDestination& d) { return matches(wanted, d, destinations_); });
+                                       [&](const MIDIDestination& d) { return matches(wanted, d, destinations_); });
         if (!there)
             list.push_back({ConnectionEntry::Kind::Absent, wanted, true});
     }
@@ -165,7 +165,7 @@ bool ConnectionKeeper::setConnected(const QString& name, bool connected)
         refresh();
         return synthHeard() == connected;
     }
-    const std::optional<MidiDestination> destination = findDestination(name, destinations_);
+    const std::optional<MIDIDestination> destination = findDestination(name, destinations_);
     if (!destination) {
         if (connected) {
             cannotConnect(name, "it is no longer there");
@@ -241,28 +241,28 @@ void ConnectionKeeper::checkSomethingSounds()
         announce_(UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "Nothing is connected to PLK")));
 }
 
-bool ConnectionKeeper::matches(const QString& wanted, const MidiDestination& destination,
-                               const std::vector<MidiDestination>& all)
+bool ConnectionKeeper::matches(const QString& wanted, const MIDIDestination& destination,
+                               const std::vector<MIDIDestination>& all)
 {
     const std::string name = wanted.toStdString();
     if (name == destination.name())
         return true;
     if (name != destination.client)
         return false;
-    return std::count_if(all.begin(), all.end(), [&](const MidiDestination& d) { return d.client == name; }) == 1;
+    return std::count_if(all.begin(), all.end(), [&](const MIDIDestination& d) { return d.client == name; }) == 1;
 }
 
-std::optional<MidiDestination> ConnectionKeeper::findDestination(const QString& name,
-                                                                 const std::vector<MidiDestination>& among)
+std::optional<MIDIDestination> ConnectionKeeper::findDestination(const QString& name,
+                                                                 const std::vector<MIDIDestination>& among)
 {
-    for (const MidiDestination& destination : among) {
+    for (const MIDIDestination& destination : among) {
         if (nameOf(destination) == name)
             return destination;
     }
     return std::nullopt;
 }
 
-bool ConnectionKeeper::isWanted(const MidiDestination& destination, const std::vector<MidiDestination>& all) const
+bool ConnectionKeeper::isWanted(const MIDIDestination& destination, const std::vector<MIDIDestination>& all) const
 {
     const auto wants = [&](const QString& wanted) { return matches(wanted, destination, all); };
     const QStringList names = remembered();
@@ -274,7 +274,7 @@ QStringList ConnectionKeeper::connectedNames() const
     QStringList names;
     if (synthWasHeard_)
         names << QLatin1String(kSynthName);
-    for (const MidiDestination& destination : connections_)
+    for (const MIDIDestination& destination : connections_)
         names << nameOf(destination);
     return names;
 }
@@ -293,7 +293,7 @@ void ConnectionKeeper::remember(const QString& name)
     settings_.setStringList(names, QLatin1String(kConnectionsKey));
 }
 
-void ConnectionKeeper::forget(const MidiDestination& destination)
+void ConnectionKeeper::forget(const MIDIDestination& destination)
 {
     // Also a name that reached it by its client alone, and the same for this run.
     const auto names = [&](const QString& wanted) { return matches(wanted, destination, destinations_); };

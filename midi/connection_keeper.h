@@ -60,7 +60,7 @@ public:
     /// `synth` may be null (no built-in synthesizer); `midiSystem` is the name of the MIDI
     /// system PLK is published on ("jack", "alsa", "null") and `published` whether it is.
     /// Nothing happens before start().
-    ConnectionKeeper(MidiPatchbay& patchbay, SettingsStore& settings, Announce announce, SynthControl* synth,
+    ConnectionKeeper(MIDIPatchbay& patchbay, SettingsStore& settings, Announce announce, SynthControl* synth,
                      QString midiSystem, bool published);
     /// Stops the patchbay's and the synthesizer's change calls.
     ~ConnectionKeeper() override;
@@ -119,8 +119,8 @@ public:
     /// True when `wanted` (a remembered or given name) names `destination`: the same
     /// "client:port", or the client's name alone when that client has this one input among
     /// `all`.
-    static bool matches(const QString& wanted, const MidiDestination& destination,
-                        const std::vector<MidiDestination>& all);
+    static bool matches(const QString& wanted, const MIDIDestination& destination,
+                        const std::vector<MIDIDestination>& all);
 
 signals:
     /// The list or the connections changed (also after a refresh that found no change).
@@ -129,25 +129,25 @@ signals:
 private:
     /// Carries a change call of the patchbay (any thread) to the main thread, once per burst.
     void scheduleRefresh();
-    static std::optional<MidiDestination> findDestination(const QString& name,
-                                                          const std::vector<MidiDestination>& among);
-    bool isWanted(const MidiDestination& destination, const std::vector<MidiDestination>& all) const;
+    static std::optional<MIDIDestination> findDestination(const QString& name,
+                                                          const std::vector<MIDIDestination>& among);
+    bool isWanted(const MIDIDestination& destination, const std::vector<MIDIDestination>& all) const;
     bool synthHeard() const;
     /// The synthesizer when heard, then the connections, as of the last reading.
     QStringList connectedNames() const;
     void remember(const QString& name);
-    void forget(const MidiDestination& destination);
+    void forget(const MIDIDestination& destination);
     void cannotConnect(const QString& name, const std::string& reason);
 
-    MidiPatchbay& patchbay_;
+    MIDIPatchbay& patchbay_;
     SettingsStore& settings_;
     Announce announce_;
     SynthControl* synth_;
     QString midiSystem_;
     bool published_;
 
-    std::vector<MidiDestination> destinations_;
-    std::vector<MidiDestination> connections_;
+    std::vector<MIDIDestination> destinations_;
+    std::vector<MIDIDestination> connections_;
     bool synthWasHeard_ = false;
     // Names given with --connect: wanted for this run, never stored.
     QStringList thisRun_;

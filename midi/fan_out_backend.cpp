@@ -2,25 +2,25 @@
 
 namespace plinkora {
 
-FanOutBackend::FanOutBackend(std::unique_ptr<MidiBackend> port, MidiListener* listener)
+FanOutBackend::FanOutBackend(std::unique_ptr<MIDIBackend> port, MIDIListener* listener)
     : port_(std::move(port))
     , listener_(listener)
 {
 }
 
-MidiStatus FanOutBackend::createClient(std::string_view name, std::uint32_t& client)
+MIDIStatus FanOutBackend::createClient(std::string_view name, std::uint32_t& client)
 {
     return port_->createClient(name, client);
 }
 
-MidiStatus FanOutBackend::createSource(std::uint32_t client, std::string_view name, std::uint32_t& source)
+MIDIStatus FanOutBackend::createSource(std::uint32_t client, std::string_view name, std::uint32_t& source)
 {
     return port_->createSource(client, name, source);
 }
 
-MidiStatus FanOutBackend::send(std::uint32_t source, MidiBytes message)
+MIDIStatus FanOutBackend::send(std::uint32_t source, MIDIBytes message)
 {
-    const MidiStatus status = port_->send(source, message);
+    const MIDIStatus status = port_->send(source, message);
     if (listener_)
         listener_->midiSent(message);
     return status;

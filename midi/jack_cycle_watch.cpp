@@ -8,7 +8,7 @@
 
 namespace plinkora {
 
-std::unique_ptr<JackCycleWatch> JackCycleWatch::open(const std::string& name, MidiStatus& status)
+std::unique_ptr<JackCycleWatch> JackCycleWatch::open(const std::string& name, MIDIStatus& status)
 {
     forbidJackServerStart();
     const QuietJackMessages quiet;

@@ -27,7 +27,7 @@ public:
     /// Opens the client `name` on the server JACK picks ($JACK_DEFAULT_SERVER, else the
     /// default). Never starts a server and prints nothing. On failure returns null and sets
     /// `status`: kStatusServiceUnavailable when no server runs, kStatusClientFailed otherwise.
-    static std::unique_ptr<JackCycleWatch> open(const std::string& name, MidiStatus& status);
+    static std::unique_ptr<JackCycleWatch> open(const std::string& name, MIDIStatus& status);
     ~JackCycleWatch();
     JackCycleWatch(const JackCycleWatch&) = delete;
     JackCycleWatch& operator=(const JackCycleWatch&) = delete;

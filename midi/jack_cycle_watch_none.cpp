@@ -4,7 +4,7 @@
 
 namespace plinkora {
 
-std::unique_ptr<JackCycleWatch> JackCycleWatch::open(const std::string&, MidiStatus& status)
+std::unique_ptr<JackCycleWatch> JackCycleWatch::open(const std::string&, MIDIStatus& status)
 {
     status = kStatusServiceUnavailable;
     return nullptr;

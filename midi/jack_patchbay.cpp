@@ -133,7 +133,7 @@ void JackPatchbay::setChangeCallback(std::function<void()> changed)
     ensureClient(); // only an open client hears of changes
 }
 
-MidiDestination JackPatchbay::destinationOf(const char* fullName) const
+MIDIDestination JackPatchbay::destinationOf(const char* fullName) const
 {
     const std::string name = fullName;
     if (const jack_port_t* port = jack_port_by_name(client_, fullName)) {
@@ -145,14 +145,14 @@ MidiDestination JackPatchbay::destinationOf(const char* fullName) const
     return {name.substr(0, colon), colon == std::string::npos ? std::string() : name.substr(colon + 1)};
 }
 
-std::vector<MidiDestination> JackPatchbay::destinations()
+std::vector<MIDIDestination> JackPatchbay::destinations()
 {
-    std::vector<MidiDestination> list;
+    std::vector<MIDIDestination> list;
     if (!ensureClient())
         return list;
     const PortList ports(jack_get_ports(client_, nullptr, JACK_DEFAULT_MIDI_TYPE, JackPortIsInput));
     ports.forEach([&](const char* name) {
-        MidiDestination destination = destinationOf(name);
+        MIDIDestination destination = destinationOf(name);
         if (destination.client != ownClient_)
             list.push_back(std::move(destination));
     });
@@ -160,9 +160,9 @@ std::vector<MidiDestination> JackPatchbay::destinations()
     return list;
 }
 
-std::vector<MidiDestination> JackPatchbay::connections()
+std::vector<MIDIDestination> JackPatchbay::connections()
 {
-    std::vector<MidiDestination> list;
+    std::vector<MIDIDestination> list;
     if (!ensureClient())
         return list;
     const jack_port_t* port = jack_port_by_name(client_, source_.c_str());
@@ -179,7 +179,7 @@ bool JackPatchbay::sourcePublished()
     return ensureClient() && jack_port_by_name(client_, source_.c_str()) != nullptr;
 }
 
-bool JackPatchbay::connect(const MidiDestination& destination)
+bool JackPatchbay::connect(const MIDIDestination& destination)
 {
     if (!ensureClient())
         return false;
@@ -187,7 +187,7 @@ bool JackPatchbay::connect(const MidiDestination& destination)
     return result == 0 || result == EEXIST;
 }
 
-bool JackPatchbay::disconnect(const MidiDestination& destination)
+bool JackPatchbay::disconnect(const MIDIDestination& destination)
 {
     if (!ensureClient())
         return true; // nothing is connected where there is no server

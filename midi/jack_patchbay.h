@@ -16,7 +16,7 @@ namespace plinkora {
 /// client is opened by the first call (not when the patchbay is made, which costs the start-up
 /// nothing). When the server goes the client is closed, and opened again only after
 /// serviceBack(). It never starts a server and prints nothing.
-class JackPatchbay final : public MidiPatchbay
+class JackPatchbay final : public MIDIPatchbay
 {
 public:
     /// `source`: the full name of Plinkora's port.
@@ -25,11 +25,11 @@ public:
     JackPatchbay(const JackPatchbay&) = delete;
     JackPatchbay& operator=(const JackPatchbay&) = delete;
 
-    std::vector<MidiDestination> destinations() override;
-    std::vector<MidiDestination> connections() override;
+    std::vector<MIDIDestination> destinations() override;
+    std::vector<MIDIDestination> connections() override;
     bool sourcePublished() override;
-    bool connect(const MidiDestination& destination) override;
-    bool disconnect(const MidiDestination& destination) override;
+    bool connect(const MIDIDestination& destination) override;
+    bool disconnect(const MIDIDestination& destination) override;
     void serviceLost() override;
     void serviceBack() override;
     /// Called on JACK's notification thread for ports registered, unregistered or renamed,
@@ -41,7 +41,7 @@ private:
     bool ensureClient();
     void closeClient();
     void notify();
-    MidiDestination destinationOf(const char* fullName) const;
+    MIDIDestination destinationOf(const char* fullName) const;
 
     static void onPortRegistration(std::uint32_t port, int registered, void* self);
     static void onPortConnect(std::uint32_t a, std::uint32_t b, int connected, void* self);

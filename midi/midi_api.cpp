@@ -14,26 +14,26 @@ bool sameNameIgnoringCase(std::string_view a, std::string_view b)
 }
 } // namespace
 
-std::string_view midiApiName(MidiApiKind kind)
+std::string_view midiApiName(MIDIApiKind kind)
 {
-    for (const MidiApiEntry& entry : kMidiApis)
+    for (const MIDIApiEntry& entry : kMIDIApis)
         if (entry.kind == kind)
             return entry.name;
     return {};
 }
 
-MidiApiParse parseMidiApi(std::string_view name)
+MIDIApiParse parseMIDIApi(std::string_view name)
 {
-    for (const MidiApiEntry& entry : kMidiApis)
+    for (const MIDIApiEntry& entry : kMIDIApis)
         if (sameNameIgnoringCase(entry.name, name))
             return {entry.kind, {}};
     std::string error = "Unknown MIDI API \"";
     error += name;
     error += "\"; valid names are: ";
-    for (std::size_t i = 0; i < kMidiApis.size(); ++i) {
+    for (std::size_t i = 0; i < kMIDIApis.size(); ++i) {
         if (i > 0)
             error += ", ";
-        error += kMidiApis[i].name;
+        error += kMIDIApis[i].name;
     }
     return {std::nullopt, std::move(error)};
 }

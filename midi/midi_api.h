@@ -8,10 +8,10 @@
 namespace plinkora {
 
 /// The MIDI systems Plinkora can publish its port on.
-enum class MidiApiKind
+enum class MIDIApiKind
 {
 #if defined(__APPLE__)
-    CoreMidi,
+    CoreMIDI,
 #else
     Alsa,
 #endif
@@ -19,36 +19,36 @@ enum class MidiApiKind
     Null,
 };
 
-struct MidiApiEntry
+struct MIDIApiEntry
 {
     std::string_view name;
-    MidiApiKind kind;
+    MIDIApiKind kind;
 };
 
 /// The one table of MIDI system names, read by the command line option --midi-api and the
 /// setting "MidiApi". In the order the automatic choice tries them.
-inline constexpr std::array<MidiApiEntry, 3> kMidiApis{{
+inline constexpr std::array<MIDIApiEntry, 3> kMIDIApis{{
 #if defined(__APPLE__)
-    {"coremidi", MidiApiKind::CoreMidi},
+    {"coremidi", MIDIApiKind::CoreMIDI},
 #else
-    {"alsa", MidiApiKind::Alsa},
+    {"alsa", MIDIApiKind::Alsa},
 #endif
-    {"jack", MidiApiKind::Jack},
-    {"null", MidiApiKind::Null},
+    {"jack", MIDIApiKind::Jack},
+    {"null", MIDIApiKind::Null},
 }};
 
-/// The name of `kind` in kMidiApis.
-std::string_view midiApiName(MidiApiKind kind);
+/// The name of `kind` in kMIDIApis.
+std::string_view midiApiName(MIDIApiKind kind);
 
 /// The result of reading a MIDI system name: the system, or a message for the user.
-struct MidiApiParse
+struct MIDIApiParse
 {
-    std::optional<MidiApiKind> kind;
+    std::optional<MIDIApiKind> kind;
     std::string error; // set when `kind` is empty
 };
 
-/// Reads a name of kMidiApis, ignoring case. An unknown name gives a message that lists the
+/// Reads a name of kMIDIApis, ignoring case. An unknown name gives a message that lists the
 /// valid names, e.g. `Unknown MIDI API "oss"; valid names are: alsa, jack, null`.
-MidiApiParse parseMidiApi(std::string_view name);
+MIDIApiParse parseMIDIApi(std::string_view name);
 
 } // namespace plinkora

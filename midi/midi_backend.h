@@ -10,28 +10,28 @@
 namespace plinkora {
 
 /// The bytes of one MIDI message, status byte first.
-using MidiBytes = std::span<const std::uint8_t>;
+using MIDIBytes = std::span<const std::uint8_t>;
 
 /// The five operations the MIDI output needs from the platform's MIDI service. References
 /// are non-zero numbers handed out by the back end; 0 means "none".
-class MidiBackend
+class MIDIBackend
 {
 public:
-    virtual ~MidiBackend() = default;
+    virtual ~MIDIBackend() = default;
 
     /// Short name of the back end ("alsa", "jack", "null", "recording").
     virtual std::string_view apiName() const = 0;
 
     /// Registers this process as a MIDI client called `name`. Returns 0 and sets `client`,
     /// or a negative status (midi_status.h) and leaves `client` as it was.
-    [[nodiscard]] virtual MidiStatus createClient(std::string_view name, std::uint32_t& client) = 0;
+    [[nodiscard]] virtual MIDIStatus createClient(std::string_view name, std::uint32_t& client) = 0;
 
     /// Publishes a virtual source `name` of `client` that other programs can read from.
     /// Returns 0 and sets `source`, or a negative status.
-    [[nodiscard]] virtual MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) = 0;
+    [[nodiscard]] virtual MIDIStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) = 0;
 
     /// Hands one message to every reader of `source`, at once. Must not allocate.
-    [[nodiscard]] virtual MidiStatus send(std::uint32_t source, MidiBytes message) = 0;
+    [[nodiscard]] virtual MIDIStatus send(std::uint32_t source, MIDIBytes message) = 0;
 
     /// Withdraws the virtual source. Waits until what was sent has left.
     virtual void disposeSource(std::uint32_t source) = 0;

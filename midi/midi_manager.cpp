@@ -9,7 +9,7 @@
 
 namespace plinkora {
 
-MIDIManager::MIDIManager(std::unique_ptr<MidiBackend> backend)
+MIDIManager::MIDIManager(std::unique_ptr<MIDIBackend> backend)
     : backend_(std::move(backend))
 {
     setupMIDI();
@@ -19,15 +19,15 @@ MIDIManager::~MIDIManager() = default;
 
 void MIDIManager::setupMIDI()
 {
-    if (const MidiStatus status = backend_->createClient(kPortName, midiClient); status != kStatusOk) {
+    if (const MIDIStatus status = backend_->createClient(kPortName, midiClient); status != kStatusOk) {
         printLine("Error creating MIDI client: ", status);
         return;
     }
-    if (const MidiStatus status = backend_->createSource(midiClient, kPortName, virtualSource); status != kStatusOk)
+    if (const MIDIStatus status = backend_->createSource(midiClient, kPortName, virtualSource); status != kStatusOk)
         printLine("Error creating MIDI source: ", status);
 }
 
-MidiStatus MIDIManager::send(const MidiMessage& message)
+MIDIStatus MIDIManager::send(const MIDIMessage& message)
 {
     return backend_->send(virtualSource, message.bytes());
 }
@@ -37,7 +37,7 @@ void MIDIManager::sendNoteOn(std::uint8_t note, std::uint8_t velocity, std::uint
     if (virtualSource == 0 || activeNotes.contains(note))
         return;
     activeNotes.insert(note);
-    if (const MidiStatus status = send(noteOnMessage(note, velocity, channel)))
+    if (const MIDIStatus status = send(noteOnMessage(note, velocity, channel)))
         printLine("Error sending MIDI note on: ", status);
 }
 
@@ -46,7 +46,7 @@ void MIDIManager::sendNoteOff(std::uint8_t note, std::uint8_t channel)
     if (virtualSource == 0)
         return;
     activeNotes.erase(note);
-    if (const MidiStatus status = send(noteOffMessage(note, channel)))
+    if (const MIDIStatus status = send(noteOffMessage(note, channel)))
         printLine("Error sending MIDI note off: ", status);
 }
 
@@ -54,7 +54,7 @@ void MIDIManager::sendPitchBend(std::uint16_t value, std::uint8_t channel)
 {
     if (virtualSource == 0)
         return;
-    if (const MidiStatus status = send(pitchBendMessage(value, channel)))
+    if (const MIDIStatus status = send(pitchBendMessage(value, channel)))
         printLine("Error sending MIDI pitch bend: ", status);
 }
 
@@ -62,7 +62,7 @@ void MIDIManager::sendControlChange(std::uint8_t controller, std::uint8_t value,
 {
     if (virtualSource == 0)
         return;
-    if (const MidiStatus status = send(controlChangeMessage(controller, value, channel))) {
+    if (const MIDIStatus status = send(controlChangeMessage(controller, value, channel))) {
         char prefix[40];
         std::snprintf(prefix, sizeof prefix, "Error sending MIDI CC%u: ", static_cast<unsigned>(controller));
         printLine(prefix, status);
@@ -73,7 +73,7 @@ void MIDIManager::sendProgramChange(std::uint8_t program, std::uint8_t channel)
 {
     if (virtualSource == 0)
         return;
-    if (const MidiStatus status = send(programChangeMessage(program, channel)))
+    if (const MIDIStatus status = send(programChangeMessage(program, channel)))
         printLine("Error sending MIDI program change: ", status);
 }
 

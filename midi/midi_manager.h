@@ -8,7 +8,7 @@
 
 namespace plinkora {
 
-struct MidiMessage;
+struct MIDIMessage;
 
 /// The set of note numbers that were started and not yet stopped. The channel is not part of
 /// the key. Iterates in ascending note order; never allocates.
@@ -40,7 +40,7 @@ class MIDIManager
 public:
     /// Takes the back end and publishes the source at once (`setupMIDI`). A failure prints
     /// its error line; every send is then a silent no-op.
-    explicit MIDIManager(std::unique_ptr<MidiBackend> backend);
+    explicit MIDIManager(std::unique_ptr<MIDIBackend> backend);
     /// Frees the note set only: sends nothing and disposes nothing (that is `cleanup`'s job).
     ~MIDIManager();
     MIDIManager(const MIDIManager&) = delete;
@@ -65,7 +65,7 @@ public:
     /// termination.
     void cleanup();
 
-    MidiBackend& backend() { return *backend_; }
+    MIDIBackend& backend() { return *backend_; }
 
     std::uint32_t midiClient = 0;
     /// A port of the client for sending to one chosen destination. Plinkora never makes one: it
@@ -76,9 +76,9 @@ public:
     ActiveNoteSet activeNotes;
 
 private:
-    [[nodiscard]] MidiStatus send(const MidiMessage& message);
+    [[nodiscard]] MIDIStatus send(const MIDIMessage& message);
 
-    std::unique_ptr<MidiBackend> backend_;
+    std::unique_ptr<MIDIBackend> backend_;
 };
 
 } // namespace plinkora

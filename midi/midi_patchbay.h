@@ -10,34 +10,34 @@ namespace plinkora {
 /// A MIDI input of the system that the port PLK can be connected to: an ALSA sequencer port
 /// or a JACK MIDI input port, named by client and port (never by number, which changes from
 /// one run of a program to the next).
-struct MidiDestination
+struct MIDIDestination
 {
     std::string client; // the client's name: "FLUID Synth (1234)", "fluidsynth", "Ardour"
     std::string port;   // the port's name within its client: "Synth input port (1234:0)", "midi_00"
 
     /// "client:port", the form shown, announced, remembered and given to --connect.
     std::string name() const { return client + ':' + port; }
-    bool operator==(const MidiDestination&) const = default;
+    bool operator==(const MIDIDestination&) const = default;
     /// By client, then port: the order of the lists.
-    auto operator<=>(const MidiDestination&) const = default; // NOLINT(modernize-use-nullptr): a 0 made by the compiler
+    auto operator<=>(const MIDIDestination&) const = default; // NOLINT(modernize-use-nullptr): a 0 made by the compiler
 };
 
 /// The connections of the port PLK on the MIDI service it is published on: lists the MIDI
 /// inputs of the system, connects PLK to them and disconnects it, and tells when any of that
 /// changes. Implemented for the JACK server and the ALSA sequencer; a service without
 /// connections (the null output) lists nothing. Main thread only, except where said.
-class MidiPatchbay
+class MIDIPatchbay
 {
 public:
-    virtual ~MidiPatchbay() = default;
+    virtual ~MIDIPatchbay() = default;
 
     /// Every MIDI input of the system except Plinkora's own, in a stable order (client, then
     /// port). Empty while the service is not there.
-    virtual std::vector<MidiDestination> destinations() = 0;
+    virtual std::vector<MIDIDestination> destinations() = 0;
 
     /// The destinations PLK is connected to now, whoever made the connection. Empty while
     /// PLK is not published.
-    virtual std::vector<MidiDestination> connections() = 0;
+    virtual std::vector<MIDIDestination> connections() = 0;
 
     /// True when PLK is published on the service now, so that connections() is all it is
     /// connected to (and not empty only because PLK or the service is not there).
@@ -45,10 +45,10 @@ public:
 
     /// Connects PLK to `destination`. True when connected afterwards (also when it already
     /// was); false when there is no such destination or the service refused.
-    virtual bool connect(const MidiDestination& destination) = 0;
+    virtual bool connect(const MIDIDestination& destination) = 0;
 
     /// Disconnects PLK from `destination`. True when not connected afterwards.
-    virtual bool disconnect(const MidiDestination& destination) = 0;
+    virtual bool disconnect(const MIDIDestination& destination) = 0;
 
     /// The MIDI service went away under PLK (its back end said so). The patchbay lets go of
     /// everything it holds of the dead service now and reaches for the service again only after

@@ -7,21 +7,21 @@ namespace plinkora {
 /// A MIDI service that accepts everything and delivers nothing: Plinkora still runs where no
 /// MIDI system is available. Test and benchmark back ends derive from it and override
 /// `send`.
-class NullBackend : public MidiBackend
+class NullBackend : public MIDIBackend
 {
 public:
     std::string_view apiName() const override { return "null"; }
-    [[nodiscard]] MidiStatus createClient(std::string_view, std::uint32_t& client) override
+    [[nodiscard]] MIDIStatus createClient(std::string_view, std::uint32_t& client) override
     {
         client = 1;
         return kStatusOk;
     }
-    [[nodiscard]] MidiStatus createSource(std::uint32_t, std::string_view, std::uint32_t& source) override
+    [[nodiscard]] MIDIStatus createSource(std::uint32_t, std::string_view, std::uint32_t& source) override
     {
         source = 1;
         return kStatusOk;
     }
-    [[nodiscard]] MidiStatus send(std::uint32_t, MidiBytes) override { return kStatusOk; }
+    [[nodiscard]] MIDIStatus send(std::uint32_t, MIDIBytes) override { return kStatusOk; }
     void disposeSource(std::uint32_t) override {}
     void disposeClient(std::uint32_t) override {}
 };

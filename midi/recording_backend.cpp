@@ -14,26 +14,26 @@ RecordingBackend::RecordingBackend(std::size_t reserved)
     calls_.reserve(reserved);
 }
 
-void RecordingBackend::failWith(Op op, MidiStatus status)
+void RecordingBackend::failWith(Op op, MIDIStatus status)
 {
     failures_.at(static_cast<std::size_t>(op)) = status;
 }
 
-MidiStatus RecordingBackend::createClient(std::string_view name, std::uint32_t& client)
+MIDIStatus RecordingBackend::createClient(std::string_view name, std::uint32_t& client)
 {
     calls_.push_back({Op::CreateClient});
     clientName = name;
-    if (const MidiStatus failure = failures_[static_cast<std::size_t>(Op::CreateClient)])
+    if (const MIDIStatus failure = failures_[static_cast<std::size_t>(Op::CreateClient)])
         return failure;
     client = kClientReference;
     return kStatusOk;
 }
 
-MidiStatus RecordingBackend::createSource(std::uint32_t client, std::string_view name, std::uint32_t& source)
+MIDIStatus RecordingBackend::createSource(std::uint32_t client, std::string_view name, std::uint32_t& source)
 {
     calls_.push_back({Op::CreateSource, client});
     sourceName = name;
-    if (const MidiStatus failure = failures_[static_cast<std::size_t>(Op::CreateSource)])
+    if (const MIDIStatus failure = failures_[static_cast<std::size_t>(Op::CreateSource)])
         return failure;
     if (client != kClientReference)
         return kStatusNoSuchEndpoint;
@@ -41,12 +41,12 @@ MidiStatus RecordingBackend::createSource(std::uint32_t client, std::string_view
     return kStatusOk;
 }
 
-MidiStatus RecordingBackend::send(std::uint32_t source, MidiBytes message)
+MIDIStatus RecordingBackend::send(std::uint32_t source, MIDIBytes message)
 {
     Call call{Op::Send, source, message.size()};
     std::copy_n(message.begin(), std::min<std::size_t>(message.size(), call.bytes.size()), call.bytes.begin());
     calls_.push_back(call);
-    if (const MidiStatus failure = failures_[static_cast<std::size_t>(Op::Send)])
+    if (const MIDIStatus failure = failures_[static_cast<std::size_t>(Op::Send)])
         return failure;
     return source == kSourceReference ? kStatusOk : kStatusNoSuchEndpoint;
 }

@@ -11,7 +11,7 @@ namespace plinkora {
 
 /// A MIDI service that records every call in order and can be told to fail. Used by tests and
 /// benchmarks. Recording a message does not allocate until `reserved` calls are exceeded.
-class RecordingBackend final : public MidiBackend
+class RecordingBackend final : public MIDIBackend
 {
 public:
     enum class Op
@@ -34,14 +34,14 @@ public:
     explicit RecordingBackend(std::size_t reserved = 4096);
 
     std::string_view apiName() const override { return "recording"; }
-    [[nodiscard]] MidiStatus createClient(std::string_view name, std::uint32_t& client) override;
-    [[nodiscard]] MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override;
-    [[nodiscard]] MidiStatus send(std::uint32_t source, MidiBytes message) override;
+    [[nodiscard]] MIDIStatus createClient(std::string_view name, std::uint32_t& client) override;
+    [[nodiscard]] MIDIStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override;
+    [[nodiscard]] MIDIStatus send(std::uint32_t source, MIDIBytes message) override;
     void disposeSource(std::uint32_t source) override;
     void disposeClient(std::uint32_t client) override;
 
     /// Makes every later call of `op` fail with `status` (0 makes it succeed again).
-    void failWith(Op op, MidiStatus status);
+    void failWith(Op op, MIDIStatus status);
 
     const std::vector<Call>& calls() const { return calls_; }
     /// The bytes of every Send, in order, each message as its own vector.
@@ -54,7 +54,7 @@ public:
 
 private:
     std::vector<Call> calls_;
-    std::array<MidiStatus, 5> failures_{};
+    std::array<MIDIStatus, 5> failures_{};
 };
 
 } // namespace plinkora

@@ -13,13 +13,13 @@ namespace {
 constexpr std::uint32_t kClientReference = 1;
 constexpr std::uint32_t kSourceReference = 1;
 
-bool contains(const std::vector<MidiDestination>& list, const MidiDestination& item)
+bool contains(const std::vector<MIDIDestination>& list, const MIDIDestination& item)
 {
     return std::find(list.begin(), list.end(), item) != list.end();
 }
 } // namespace
 
-RecoveringBackend::RecoveringBackend(std::unique_ptr<MidiBackend> port, std::unique_ptr<MidiPatchbay> patchbay)
+RecoveringBackend::RecoveringBackend(std::unique_ptr<MIDIBackend> port, std::unique_ptr<MIDIPatchbay> patchbay)
     : port_(std::move(port))
     , patchbay_(patchbay ? std::move(patchbay) : std::make_unique<NullPatchbay>())
 {
@@ -39,11 +39,11 @@ std::string_view RecoveringBackend::apiName() const
     return port_->apiName();
 }
 
-MidiStatus RecoveringBackend::createClient(std::string_view name, std::uint32_t& client)
+MIDIStatus RecoveringBackend::createClient(std::string_view name, std::uint32_t& client)
 {
     if (clientMade_)
         return kStatusClientFailed; // one client
-    const MidiStatus status = port_->createClient(name, portClient_);
+    const MIDIStatus status = port_->createClient(name, portClient_);
     if (status != kStatusOk)
         return status;
     clientName_ = name;
@@ -52,13 +52,13 @@ MidiStatus RecoveringBackend::createClient(std::string_view name, std::uint32_t&
     return kStatusOk;
 }
 
-MidiStatus RecoveringBackend::createSource(std::uint32_t client, std::string_view name, std::uint32_t& source)
+MIDIStatus RecoveringBackend::createSource(std::uint32_t client, std::string_view name, std::uint32_t& source)
 {
     if (client != kClientReference || !clientMade_)
         return kStatusNoSuchEndpoint;
     if (published_)
         return kStatusSourceFailed; // one source
-    const MidiStatus status = port_->createSource(portClient_, name, portSource_);
+    const MIDIStatus status = port_->createSource(portClient_, name, portSource_);
     if (status != kStatusOk)
         return status;
     sourceName_ = name;
@@ -67,13 +67,13 @@ MidiStatus RecoveringBackend::createSource(std::uint32_t client, std::string_vie
     return kStatusOk;
 }
 
-MidiStatus RecoveringBackend::send(std::uint32_t source, MidiBytes message)
+MIDIStatus RecoveringBackend::send(std::uint32_t source, MIDIBytes message)
 {
     if (source != kSourceReference || !published_)
         return kStatusNoSuchEndpoint;
     if (lost_.load(std::memory_order_acquire))
         return kStatusOk; // into nothing
-    const MidiStatus status = port_->send(portSource_, message);
+    const MIDIStatus status = port_->send(portSource_, message);
     if (status == kStatusServiceUnavailable) {
         // The back end saw the service go a moment before its notice arrived here.
         serviceLostNotice();
@@ -172,8 +172,8 @@ void RecoveringBackend::connectPending()
 {
     if (pending_.empty())
         return;
-    const std::vector<MidiDestination> present = patchbay_->destinations();
-    std::erase_if(pending_, [&](const MidiDestination& destination) {
+    const std::vector<MIDIDestination> present = patchbay_->destinations();
+    std::erase_if(pending_, [&](const MIDIDestination& destination) {
         return contains(present, destination) && patchbay_->connect(destination);
     });
 }
@@ -182,10 +182,10 @@ void RecoveringBackend::connectionsChanged()
 {
     if (!lost_.load(std::memory_order_acquire) && !disposed_ && published_ && patchbay_->sourcePublished()) {
         connectPending();
-        std::vector<MidiDestination> now = patchbay_->connections();
+        std::vector<MIDIDestination> now = patchbay_->connections();
         // A connection not made again yet is still wanted; one broken on purpose while PLK
         // was published is not.
-        for (const MidiDestination& destination : pending_)
+        for (const MIDIDestination& destination : pending_)
             if (!contains(now, destination))
                 now.push_back(destination);
         remembered_ = std::move(now);
@@ -198,7 +198,7 @@ bool RecoveringBackend::hasPatchbay() const
     return dynamic_cast<const NullPatchbay*>(patchbay_.get()) == nullptr;
 }
 
-std::unique_ptr<MidiPatchbay> RecoveringBackend::patchbayView()
+std::unique_ptr<MIDIPatchbay> RecoveringBackend::patchbayView()
 {
     return std::make_unique<ForwardingPatchbay>(*this);
 }

@@ -39,7 +39,7 @@ constexpr unsigned kSettleCycles = 3;
 constexpr std::chrono::milliseconds kSettleTime{10};
 constexpr std::chrono::milliseconds kWaitLimit{1000};
 
-RtMidi::Api rtMidiApi(RtMidiBackend::System system)
+RtMidi::Api rtMIDIApi(RtMidiBackend::System system)
 {
     switch (system) {
     case RtMidiBackend::System::AlsaSequencer:
@@ -47,7 +47,7 @@ RtMidi::Api rtMidiApi(RtMidiBackend::System system)
     case RtMidiBackend::System::Jack:
         return RtMidi::UNIX_JACK;
 #if defined(__APPLE__)
-    case RtMidiBackend::System::CoreMidi:
+    case RtMidiBackend::System::CoreMIDI:
         return RtMidi::MACOSX_CORE;
 #endif
     }
@@ -146,7 +146,7 @@ std::string_view RtMidiBackend::apiName() const
     case System::Jack:
         return "jack";
 #if defined(__APPLE__)
-    case System::CoreMidi:
+    case System::CoreMIDI:
         return "coremidi";
 #endif
     }
@@ -158,12 +158,12 @@ const std::string& RtMidiBackend::lastReport() const
     return state_->lastReport;
 }
 
-MidiStatus RtMidiBackend::createClient(std::string_view name, std::uint32_t& client)
+MIDIStatus RtMidiBackend::createClient(std::string_view name, std::uint32_t& client)
 {
     State& s = *state_;
     if (s.out)
         return kStatusClientFailed; // one client per back end
-    const RtMidi::Api api = rtMidiApi(s.system);
+    const RtMidi::Api api = rtMIDIApi(s.system);
     if (!compiledIntoRtMidi(api))
         return kStatusApiUnavailable;
 
@@ -175,7 +175,7 @@ MidiStatus RtMidiBackend::createClient(std::string_view name, std::uint32_t& cli
         if (s.jackWatch && s.jackWatch->serverGone())
             s.jackWatch.reset();
         if (!s.jackWatch) {
-            MidiStatus status = kStatusOk;
+            MIDIStatus status = kStatusOk;
             s.jackWatch = JackCycleWatch::open(std::string(name).append(kJackWatchSuffix), status);
             if (!s.jackWatch)
                 return status;
@@ -205,7 +205,7 @@ void RtMidiBackend::setServiceLostListener(std::function<void()> lost)
     state_->lost = std::move(lost);
 }
 
-MidiStatus RtMidiBackend::createSource(std::uint32_t client, std::string_view name, std::uint32_t& source)
+MIDIStatus RtMidiBackend::createSource(std::uint32_t client, std::string_view name, std::uint32_t& source)
 {
     State& s = *state_;
     if (client != kClientReference || !s.out)
@@ -229,7 +229,7 @@ MidiStatus RtMidiBackend::createSource(std::uint32_t client, std::string_view na
     return kStatusOk;
 }
 
-MidiStatus RtMidiBackend::send(std::uint32_t source, MidiBytes message)
+MIDIStatus RtMidiBackend::send(std::uint32_t source, MIDIBytes message)
 {
     State& s = *state_;
     if (source != kSourceReference || !s.sourceOpen)

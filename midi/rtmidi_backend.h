@@ -14,7 +14,7 @@ namespace plinkora {
 /// Nothing reaches standard error when the service is missing: the ALSA sequencer and the
 /// JACK server are probed quietly first, and a JACK server is never started. RtMidi reports
 /// later problems to a callback, never by throwing.
-class RtMidiBackend final : public MidiBackend
+class RtMidiBackend final : public MIDIBackend
 {
 public:
     enum class System
@@ -22,7 +22,7 @@ public:
         AlsaSequencer,
         Jack,
 #if defined(__APPLE__)
-        CoreMidi,
+        CoreMIDI,
 #endif
     };
 
@@ -36,11 +36,11 @@ public:
     std::string_view apiName() const override;
     /// Fails with kStatusApiUnavailable when RtMidi lacks the system, kStatusServiceUnavailable
     /// when the service is not there (no sequencer, no JACK server), kStatusClientFailed else.
-    [[nodiscard]] MidiStatus createClient(std::string_view name, std::uint32_t& client) override;
+    [[nodiscard]] MIDIStatus createClient(std::string_view name, std::uint32_t& client) override;
     /// Publishes the virtual port `name`: it shows as "PLK:PLK" (client:port) in ALSA and JACK.
-    [[nodiscard]] MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override;
+    [[nodiscard]] MIDIStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override;
     /// Sends the message at once. Does not allocate.
-    [[nodiscard]] MidiStatus send(std::uint32_t source, MidiBytes message) override;
+    [[nodiscard]] MIDIStatus send(std::uint32_t source, MIDIBytes message) override;
     /// Closes the virtual port. With JACK it first lets the server run a few cycles so that
     /// everything sent reaches the readers, and a few more after closing (RtMidi 5 is not safe
     /// to destroy right after); bounded when the server stalls. With ALSA the port itself goes

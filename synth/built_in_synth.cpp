@@ -137,7 +137,7 @@ void BuiltInSynth::setAudioDriver(const std::string& choice)
     notify();
 }
 
-void BuiltInSynth::setPatchbay(MidiPatchbay* patchbay)
+void BuiltInSynth::setPatchbay(MIDIPatchbay* patchbay)
 {
     if (patchbay)
         printLine("Built-in synthesizer: following PLK's readers");
@@ -163,7 +163,7 @@ bool BuiltInSynth::isAudible() const
     return policy_.shouldPlay() && engine_.isReady();
 }
 
-void BuiltInSynth::midiSent(MidiBytes message)
+void BuiltInSynth::midiSent(MIDIBytes message)
 {
     playMessages(message, engine_);
 }

@@ -14,7 +14,7 @@
 
 namespace plinkora {
 
-class MidiPatchbay;
+class MIDIPatchbay;
 class SettingsStore;
 
 /// The built-in synthesizer: hears every message PLK sends (as the fan-out's listener) and plays
@@ -23,7 +23,7 @@ class SettingsStore;
 /// remembered), else the setting "SoundFont", else FluidR3_GM when installed, else TimGM6mb.
 /// The audio output likewise: `--audio-driver` (then remembered), else the setting
 /// "AudioDriver", else automatic. Main thread only.
-class BuiltInSynth final : public SynthControl, public MidiListener
+class BuiltInSynth final : public SynthControl, public MIDIListener
 {
 public:
     static constexpr const char* kModeKey = "Synth";
@@ -64,7 +64,7 @@ public:
     static std::string storedAudioDriver(const SettingsStore& settings, const std::vector<std::string>& available);
 
     /// Follows PLK's readers on `patchbay` for the auto mode (null: nobody reads PLK).
-    void setPatchbay(MidiPatchbay* patchbay);
+    void setPatchbay(MIDIPatchbay* patchbay);
     /// Where problems are announced (the property manager's announce); empty: printed only.
     void setAnnounce(std::function<void(const UserText&)> announce) { announce_ = std::move(announce); }
 
@@ -74,8 +74,8 @@ public:
     bool isAudible() const override;
     void setChangeCallback(std::function<void()> changed) override { changed_ = std::move(changed); }
 
-    // MidiListener: every message PLK sends.
-    void midiSent(MidiBytes message) override;
+    // MIDIListener: every message PLK sends.
+    void midiSent(MIDIBytes message) override;
 
     FluidEngine& engine() { return engine_; }
     SynthPolicy& policy() { return policy_; }

@@ -36,7 +36,7 @@ void SynthPolicy::setMode(SynthMode mode)
     update(mode, readers_);
 }
 
-void SynthPolicy::setPatchbay(MidiPatchbay* patchbay)
+void SynthPolicy::setPatchbay(MIDIPatchbay* patchbay)
 {
     if (patchbay_)
         patchbay_->setChangeCallback({});

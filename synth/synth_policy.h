@@ -9,7 +9,7 @@
 
 namespace plinkora {
 
-class MidiPatchbay;
+class MIDIPatchbay;
 
 /// When the built-in synthesizer plays: always ("on"), never ("off"), or ("auto") while no other
 /// program reads PLK, so that someone who routes PLK to another synthesizer or a DAW never hears
@@ -28,7 +28,7 @@ public:
 
     /// Follows the readers of PLK on `patchbay` (null: none; PLK then has no readers). The
     /// patchbay must outlive this policy or be detached with null.
-    void setPatchbay(MidiPatchbay* patchbay);
+    void setPatchbay(MIDIPatchbay* patchbay);
     /// Counts the readers again (what the patchbay's change callback leads to).
     void recount();
     std::size_t readers() const { return readers_; }
@@ -44,7 +44,7 @@ private:
 
     SynthMode mode_;
     std::size_t readers_ = 0;
-    MidiPatchbay* patchbay_ = nullptr;
+    MIDIPatchbay* patchbay_ = nullptr;
     std::function<void(bool)> changed_;
     // Context of the queued recounts: they die with the policy.
     QObject context_;

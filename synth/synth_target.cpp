@@ -18,7 +18,7 @@ int dataBytes(std::uint8_t status)
 }
 } // namespace
 
-void playMessages(MidiBytes bytes, SynthTarget& target)
+void playMessages(MIDIBytes bytes, SynthTarget& target)
 {
     const std::size_t length = bytes.size();
     std::size_t i = 0;

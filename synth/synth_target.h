@@ -25,6 +25,6 @@ public:
 /// Reads the MIDI channel messages in `bytes` (one or more, each with its status byte) and calls
 /// `target` for each, in order. A note-on with velocity 0 is a note-off. System messages and
 /// bytes without a status are skipped. Never allocates.
-void playMessages(MidiBytes bytes, SynthTarget& target);
+void playMessages(MIDIBytes bytes, SynthTarget& target);
 
 } // namespace plinkora

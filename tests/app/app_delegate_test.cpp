@@ -45,7 +45,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 /// A MIDI back end that records through a RecordingBackend and lets a test look at the
 /// application at the moment of each call.
-class ObservedBackend final : public MidiBackend
+class ObservedBackend final : public MIDIBackend
 {
 public:
     explicit ObservedBackend(RecordingBackend& recording)
@@ -53,15 +53,15 @@ public:
     {
     }
     std::string_view apiName() const override { return recording_.apiName(); }
-    MidiStatus createClient(std::string_view name, std::uint32_t& client) override
+    MIDIStatus createClient(std::string_view name, std::uint32_t& client) override
     {
         return recording_.createClient(name, client);
     }
-    MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override
+    MIDIStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override
     {
         return recording_.createSource(client, name, source);
     }
-    MidiStatus send(std::uint32_t source, MidiBytes message) override
+    MIDIStatus send(std::uint32_t source, MIDIBytes message) override
     {
         if (onSend)
             onSend();
@@ -101,7 +101,7 @@ protected:
     AppServices services()
     {
         AppServices s;
-        s.makeMidiBackend = [this] {
+        s.makeMIDIBackend = [this] {
             if (failClient)
                 recording.failWith(RecordingBackend::Op::CreateClient, kStatusServiceUnavailable);
             log.push_back("midi back end");
@@ -132,7 +132,7 @@ protected:
             EXPECT_NE(label, nullptr);
             EXPECT_EQ(label, delegate->window->announcementLabel());
         };
-        s.makePatchbay = [this](MidiBackend&) -> std::unique_ptr<MidiPatchbay> {
+        s.makePatchbay = [this](MIDIBackend&) -> std::unique_ptr<MIDIPatchbay> {
             if (!withPatchbay)
                 return nullptr;
             auto fake = std::make_unique<FakePatchbay>();
@@ -164,7 +164,7 @@ protected:
     RecordingSoundPlayer* sounds = nullptr;
     RecordingAnnouncer* announcer = nullptr;
     bool failClient = false;
-    std::vector<MidiDestination> inputs; // the MIDI inputs of the system at launch
+    std::vector<MIDIDestination> inputs; // the MIDI inputs of the system at launch
     bool withPatchbay = false; // else the connections cannot be seen (a null patchbay)
     FakePatchbay* patchbay = nullptr;
     StubSynthControl synth;
@@ -203,7 +203,7 @@ TEST_F(AppDelegateTest, LaunchPublishesThePortThenMakesTheMonitorThenTheFilterTh
 TEST_F(AppDelegateTest, ThePortPublishedBeforeTheLaunchIsTheOneTheLaunchUses)
 {
     delegate = std::make_unique<AppDelegate>(settings, services());
-    delegate->publishMidiPort();
+    delegate->publishMIDIPort();
     ASSERT_TRUE(delegate->midiManager);
     EXPECT_TRUE(hasCall(recording, RecordingBackend::Op::CreateSource));
     EXPECT_FALSE(delegate->keyboardMonitor);
@@ -215,7 +215,7 @@ TEST_F(AppDelegateTest, ThePortPublishedBeforeTheLaunchIsTheOneTheLaunchUses)
                                              "label, filter installed, window shown"}));
 }
 
-TEST_F(AppDelegateTest, WhenTheMidiSetUpFailsTheWindowStillAppearsAndTheKeysStillWork)
+TEST_F(AppDelegateTest, WhenTheMIDISetUpFailsTheWindowStillAppearsAndTheKeysStillWork)
 {
     failClient = true;
     launch();

@@ -24,7 +24,7 @@ std::string fakeEnvironment(const char* name)
 
 } // namespace
 
-TEST(CommandLine, WithoutArgumentsPlinkoraRunsWithTheAutomaticMidiChoice)
+TEST(CommandLine, WithoutArgumentsPlinkoraRunsWithTheAutomaticMIDIChoice)
 {
     const CommandLine line = parse({});
     EXPECT_EQ(line.action, CommandLine::Action::Run);
@@ -47,7 +47,7 @@ TEST(CommandLine, HelpAndVersionArePrintedAndEndWithExitCodeZero)
     }
 }
 
-TEST(CommandLine, MidiApiTakesEachNameOfTheTableInAnyCaseAndBothSpellings)
+TEST(CommandLine, MIDIApiTakesEachNameOfTheTableInAnyCaseAndBothSpellings)
 {
     EXPECT_EQ(parse({"--midi-api", "alsa"}).midiApi, "alsa");
     EXPECT_EQ(parse({"--midi-api", "jack"}).midiApi, "jack");
@@ -56,7 +56,7 @@ TEST(CommandLine, MidiApiTakesEachNameOfTheTableInAnyCaseAndBothSpellings)
     EXPECT_EQ(parse({"--midi-api", "Null"}).action, CommandLine::Action::Run);
 }
 
-TEST(CommandLine, AnUnknownMidiApiIsOneLineListingTheValidNamesAndExitCodeTwo)
+TEST(CommandLine, AnUnknownMIDIApiIsOneLineListingTheValidNamesAndExitCodeTwo)
 {
     const CommandLine line = parse({"--midi-api", "oss"});
     EXPECT_EQ(line.action, CommandLine::Action::Fail);
@@ -65,7 +65,7 @@ TEST(CommandLine, AnUnknownMidiApiIsOneLineListingTheValidNamesAndExitCodeTwo)
     EXPECT_EQ(line.text.find('\n'), std::string::npos);
 }
 
-TEST(CommandLine, MidiApiWithoutANameFails)
+TEST(CommandLine, MIDIApiWithoutANameFails)
 {
     const CommandLine line = parse({"--midi-api"});
     EXPECT_EQ(line.action, CommandLine::Action::Fail);
@@ -199,7 +199,7 @@ TEST(CommandLine, HelpExplainsTheBuiltInSynthesizerOptions)
     EXPECT_NE(help.find("TimGM6mb"), std::string::npos);
 }
 
-TEST(CommandLine, ConnectNamesAMidiInputAndMayBeRepeated)
+TEST(CommandLine, ConnectNamesAMIDIInputAndMayBeRepeated)
 {
     const CommandLine line = parse({"--connect", "fluidsynth:midi_00", "--connect=Ardour", "--midi-api", "jack"});
     EXPECT_EQ(line.action, CommandLine::Action::Run);

@@ -150,7 +150,7 @@ TEST_F(ProgramTest, HelpAndVersionExitWithCodeZero)
     EXPECT_EQ(version.out, QStringLiteral("plinkora %1\n").arg(PLINKORA_VERSION));
 }
 
-TEST_F(ProgramTest, AnUnknownMidiApiIsOneErrorLineAndExitCodeTwo)
+TEST_F(ProgramTest, AnUnknownMIDIApiIsOneErrorLineAndExitCodeTwo)
 {
     const Finished result = run({"--midi-api", "oss"}, environment);
     EXPECT_EQ(result.exitCode, 2);

@@ -342,7 +342,7 @@ namespace {
 class StdoutWatchingBackend final : public NullBackend
 {
 public:
-    MidiStatus send(std::uint32_t, MidiBytes) override
+    MIDIStatus send(std::uint32_t, MIDIBytes) override
     {
         std::fflush(stdout);
         writtenAtSend.push_back(::lseek(STDOUT_FILENO, 0, SEEK_CUR));

@@ -229,7 +229,7 @@ TEST(SendingAllocation, SendingOnTheJackBackEndAllocatesNothing)
     const std::unique_ptr<plinkora::testing::JackServer> jack = plinkora::testing::JackServer::start();
     const plinkora::testing::ScopedEnvironment server("JACK_DEFAULT_SERVER", jack->name());
     ::testing::internal::CaptureStdout();
-    MIDIManager manager(makeBackend(MidiApiKind::Jack));
+    MIDIManager manager(makeBackend(MIDIApiKind::Jack));
     const std::string setup = ::testing::internal::GetCapturedStdout();
     ASSERT_EQ(setup, "");
     ASSERT_NE(manager.virtualSource, 0u);

@@ -59,18 +59,18 @@ TEST_F(BackendFactoryTest, TheNameTableIsAlsaJackNullInThatOrder)
 {
     // GIVEN the table
     // THEN it lists alsa, jack, null, in the order the automatic choice tries them
-    ASSERT_EQ(kMidiApis.size(), 3u);
-    EXPECT_EQ(kMidiApis[0].name, "alsa");
-    EXPECT_EQ(kMidiApis[1].name, "jack");
-    EXPECT_EQ(kMidiApis[2].name, "null");
+    ASSERT_EQ(kMIDIApis.size(), 3u);
+    EXPECT_EQ(kMIDIApis[0].name, "alsa");
+    EXPECT_EQ(kMIDIApis[1].name, "jack");
+    EXPECT_EQ(kMIDIApis[2].name, "null");
 }
 
 TEST_F(BackendFactoryTest, EveryNameReadsAsItsSystemAndEverySystemHasItsName)
 {
-    for (const MidiApiEntry& entry : kMidiApis) {
+    for (const MIDIApiEntry& entry : kMIDIApis) {
         // GIVEN a name of the table
         // WHEN it is read
-        const MidiApiParse parsed = parseMidiApi(entry.name);
+        const MIDIApiParse parsed = parseMIDIApi(entry.name);
         // THEN it gives its system, whose name is that name again
         ASSERT_TRUE(parsed.kind.has_value()) << entry.name;
         EXPECT_EQ(*parsed.kind, entry.kind);
@@ -84,9 +84,9 @@ TEST_F(BackendFactoryTest, NamesAreReadIgnoringCase)
     // GIVEN names typed in other cases
     // WHEN they are read
     // THEN they are the same systems
-    EXPECT_EQ(parseMidiApi("JACK").kind, MidiApiKind::Jack);
-    EXPECT_EQ(parseMidiApi("Alsa").kind, MidiApiKind::Alsa);
-    EXPECT_EQ(parseMidiApi("nUlL").kind, MidiApiKind::Null);
+    EXPECT_EQ(parseMIDIApi("JACK").kind, MIDIApiKind::Jack);
+    EXPECT_EQ(parseMIDIApi("Alsa").kind, MIDIApiKind::Alsa);
+    EXPECT_EQ(parseMIDIApi("nUlL").kind, MIDIApiKind::Null);
 }
 
 TEST_F(BackendFactoryTest, AnUnknownNameGivesAMessageListingTheValidNamesAndPrintsNothing)
@@ -95,7 +95,7 @@ TEST_F(BackendFactoryTest, AnUnknownNameGivesAMessageListingTheValidNamesAndPrin
     // WHEN it is read
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();
-    const MidiApiParse parsed = parseMidiApi("oss");
+    const MIDIApiParse parsed = parseMIDIApi("oss");
     const std::string out = ::testing::internal::GetCapturedStdout();
     const std::string err = ::testing::internal::GetCapturedStderr();
     // THEN there is no system, and a message for the caller to show
@@ -107,18 +107,18 @@ TEST_F(BackendFactoryTest, AnUnknownNameGivesAMessageListingTheValidNamesAndPrin
 
 TEST_F(BackendFactoryTest, AnEmptyNameIsNotAName)
 {
-    EXPECT_FALSE(parseMidiApi("").kind.has_value());
-    EXPECT_EQ(parseMidiApi("").error, "Unknown MIDI API \"\"; valid names are: alsa, jack, null");
+    EXPECT_FALSE(parseMIDIApi("").kind.has_value());
+    EXPECT_EQ(parseMIDIApi("").error, "Unknown MIDI API \"\"; valid names are: alsa, jack, null");
 }
 
 // Making back ends
 
 TEST_F(BackendFactoryTest, EachSystemMakesABackEndOfThatName)
 {
-    for (const MidiApiEntry& entry : kMidiApis) {
+    for (const MIDIApiEntry& entry : kMIDIApis) {
         // GIVEN a system
         // WHEN its back end is made
-        const std::unique_ptr<MidiBackend> backend = makeBackend(entry.kind);
+        const std::unique_ptr<MIDIBackend> backend = makeBackend(entry.kind);
         // THEN it is there and carries the system's name
         ASSERT_NE(backend, nullptr);
         EXPECT_EQ(backend->apiName(), entry.name);
@@ -130,7 +130,7 @@ TEST_F(BackendFactoryTest, MakingByAnUnknownNameGivesNothingAndTheMessage)
     // GIVEN an unknown name
     std::string error;
     // WHEN a back end is made from it
-    const std::unique_ptr<MidiBackend> backend = makeBackend("coreaudio", error);
+    const std::unique_ptr<MIDIBackend> backend = makeBackend("coreaudio", error);
     // THEN there is none, and the message lists the valid names
     EXPECT_EQ(backend, nullptr);
     EXPECT_EQ(error, "Unknown MIDI API \"coreaudio\"; valid names are: alsa, jack, null");
@@ -139,7 +139,7 @@ TEST_F(BackendFactoryTest, MakingByAnUnknownNameGivesNothingAndTheMessage)
 TEST_F(BackendFactoryTest, MakingByANameGivesThatBackEnd)
 {
     std::string error;
-    const std::unique_ptr<MidiBackend> backend = makeBackend("jack", error);
+    const std::unique_ptr<MIDIBackend> backend = makeBackend("jack", error);
     ASSERT_NE(backend, nullptr);
     EXPECT_EQ(backend->apiName(), "jack");
     EXPECT_EQ(error, "");
@@ -151,23 +151,23 @@ TEST_F(BackendFactoryTest, ARunningJackServerIsChosenFirstWithoutAskingTheSequen
 {
     // GIVEN a sequencer and a JACK server (or PipeWire's JACK interface)
     // WHEN the automatic choice runs
-    const MidiApiKind chosen = defaultMidiApi({&alsaYes, &jackYes});
+    const MIDIApiKind chosen = defaultMIDIApi({&alsaYes, &jackYes});
     // THEN JACK, what the desktop runs, is chosen and the sequencer was not even asked
-    EXPECT_EQ(chosen, MidiApiKind::Jack);
+    EXPECT_EQ(chosen, MIDIApiKind::Jack);
     EXPECT_EQ(g_jackAsked, 1);
     EXPECT_EQ(g_alsaAsked, 0);
 }
 
 TEST_F(BackendFactoryTest, TheSequencerIsChosenWhenNoJackServerAnswers)
 {
-    EXPECT_EQ(defaultMidiApi({&alsaYes, &jackNo}), MidiApiKind::Alsa);
+    EXPECT_EQ(defaultMIDIApi({&alsaYes, &jackNo}), MIDIApiKind::Alsa);
     EXPECT_EQ(g_jackAsked, 1);
     EXPECT_EQ(g_alsaAsked, 1);
 }
 
 TEST_F(BackendFactoryTest, TheNullSinkIsChosenWhenNothingElseWorks)
 {
-    EXPECT_EQ(defaultMidiApi({&alsaNo, &jackNo}), MidiApiKind::Null);
+    EXPECT_EQ(defaultMIDIApi({&alsaNo, &jackNo}), MIDIApiKind::Null);
 }
 
 TEST_F(BackendFactoryTest, ChoosingAutomaticallyPrintsTheChosenBackEnd)
@@ -176,7 +176,7 @@ TEST_F(BackendFactoryTest, ChoosingAutomaticallyPrintsTheChosenBackEnd)
     std::string error;
     // WHEN the back end is chosen with no name asked for
     ::testing::internal::CaptureStdout();
-    const std::unique_ptr<MidiBackend> backend = chooseBackend("", error, {&alsaNo, &jackYes});
+    const std::unique_ptr<MIDIBackend> backend = chooseBackend("", error, {&alsaNo, &jackYes});
     const std::string out = ::testing::internal::GetCapturedStdout();
     // THEN it is JACK, and one line says so
     ASSERT_NE(backend, nullptr);
@@ -191,7 +191,7 @@ TEST_F(BackendFactoryTest, AnExplicitChoiceIsUsedWithoutProbing)
     std::string error;
     // WHEN alsa is asked for by name
     ::testing::internal::CaptureStdout();
-    const std::unique_ptr<MidiBackend> backend = chooseBackend("alsa", error, {&alsaNo, &jackNo});
+    const std::unique_ptr<MIDIBackend> backend = chooseBackend("alsa", error, {&alsaNo, &jackNo});
     const std::string out = ::testing::internal::GetCapturedStdout();
     // THEN alsa is used anyway, printed, and nothing was probed
     ASSERT_NE(backend, nullptr);
@@ -204,7 +204,7 @@ TEST_F(BackendFactoryTest, AnUnknownExplicitChoiceGivesTheMessageAndPrintsNothin
 {
     std::string error;
     ::testing::internal::CaptureStdout();
-    const std::unique_ptr<MidiBackend> backend = chooseBackend("winmm", error, {&alsaYes, &jackYes});
+    const std::unique_ptr<MIDIBackend> backend = chooseBackend("winmm", error, {&alsaYes, &jackYes});
     const std::string out = ::testing::internal::GetCapturedStdout();
     EXPECT_EQ(backend, nullptr);
     EXPECT_EQ(error, "Unknown MIDI API \"winmm\"; valid names are: alsa, jack, null");
@@ -228,7 +228,7 @@ TEST_F(BackendFactoryTest, WithNoJackServerAndNoSequencerTheNullSinkIsChosenQuie
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();
     const auto started = std::chrono::steady_clock::now();
-    const std::unique_ptr<MidiBackend> backend = chooseBackend("", error);
+    const std::unique_ptr<MIDIBackend> backend = chooseBackend("", error);
     const auto took = std::chrono::steady_clock::now() - started;
     const std::string out = ::testing::internal::GetCapturedStdout();
     const std::string err = ::testing::internal::GetCapturedStderr();
@@ -250,7 +250,7 @@ TEST_F(BackendFactoryTest, WithAJackServerRunningJackIsChosen)
     // WHEN the back end is chosen automatically
     ::testing::internal::CaptureStdout();
     const auto started = std::chrono::steady_clock::now();
-    const std::unique_ptr<MidiBackend> backend = chooseBackend("", error);
+    const std::unique_ptr<MIDIBackend> backend = chooseBackend("", error);
     const auto took = std::chrono::steady_clock::now() - started;
     const std::string out = ::testing::internal::GetCapturedStdout();
     // THEN it is JACK, also where the machine has a sequencer
@@ -296,7 +296,7 @@ TEST_F(BackendFactoryTest, AnAlsaClientWithoutASequencerFailsQuietlyWithServiceU
     std::uint32_t client = 0;
     // WHEN the client is made
     ::testing::internal::CaptureStderr();
-    const MidiStatus status = backend.createClient("PLK", client);
+    const MIDIStatus status = backend.createClient("PLK", client);
     const std::string err = ::testing::internal::GetCapturedStderr();
     // THEN it fails with -2, leaves the reference alone, and nothing is printed
     EXPECT_EQ(status, kStatusServiceUnavailable);

@@ -16,9 +16,9 @@ using namespace plinkora::testing;
 
 namespace {
 
-const MidiDestination kFluid{"fluidsynth", "midi_00"};
-const MidiDestination kSampler{"sampler", "in_1"};
-const MidiDestination kSamplerTwo{"sampler", "in_2"};
+const MIDIDestination kFluid{"fluidsynth", "midi_00"};
+const MIDIDestination kSampler{"sampler", "in_1"};
+const MIDIDestination kSamplerTwo{"sampler", "in_2"};
 
 class ConnectionKeeperTest : public ::testing::Test
 {
@@ -149,7 +149,7 @@ TEST_F(ConnectionKeeperTest, AReceiverThatEndsAndStartsAgainBetweenTwoReadingsIs
 
 TEST_F(ConnectionKeeperTest, AnInputIsFoundByItsClientAloneOnlyWhenThatClientHasOneInput)
 {
-    const std::vector<MidiDestination> all{kFluid, kSampler, kSamplerTwo};
+    const std::vector<MIDIDestination> all{kFluid, kSampler, kSamplerTwo};
     EXPECT_TRUE(ConnectionKeeper::matches("fluidsynth", kFluid, all));
     EXPECT_TRUE(ConnectionKeeper::matches("fluidsynth:midi_00", kFluid, all));
     EXPECT_FALSE(ConnectionKeeper::matches("sampler", kSampler, all)) << "two inputs: ambiguous";

@@ -12,10 +12,10 @@ using namespace plinkora;
 
 namespace {
 
-class RecordingListener final : public MidiListener
+class RecordingListener final : public MIDIListener
 {
 public:
-    void midiSent(MidiBytes message) override { heard.emplace_back(message.begin(), message.end()); }
+    void midiSent(MIDIBytes message) override { heard.emplace_back(message.begin(), message.end()); }
     std::vector<std::vector<std::uint8_t>> heard;
 };
 

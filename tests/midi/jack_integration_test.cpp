@@ -81,7 +81,7 @@ protected:
     {
         const std::size_t from = receiver->lineCount();
         ::testing::internal::CaptureStdout();
-        manager = std::make_unique<MIDIManager>(makeBackend(MidiApiKind::Jack));
+        manager = std::make_unique<MIDIManager>(makeBackend(MIDIApiKind::Jack));
         const std::string printed = ::testing::internal::GetCapturedStdout();
         EXPECT_EQ(printed, "");
         EXPECT_NE(manager->virtualSource, 0u);
@@ -281,7 +281,7 @@ TEST(JackWithoutServer, AMissingServerGivesTheClientErrorLineAndSilentSendsAndSt
     ::testing::internal::CaptureStderr();
     // WHEN the manager is made on JACK, sends every kind of message, and cleans up
     {
-        MIDIManager manager(makeBackend(MidiApiKind::Jack));
+        MIDIManager manager(makeBackend(MIDIApiKind::Jack));
         manager.sendNoteOn(60, 100, 0);
         manager.sendNoteOff(60, 0);
         manager.sendPitchBend(0, 0);
@@ -305,7 +305,7 @@ TEST(JackWithoutServer, AMissingServerGivesTheClientErrorLineAndSilentSendsAndSt
 
 // The receiver itself, as the end-to-end tests of the application use it
 
-TEST(JackMidiReceiver, EndsWithStatusZeroOnSigtermAndOnSigint)
+TEST(JackMIDIReceiver, EndsWithStatusZeroOnSigtermAndOnSigint)
 {
     // GIVEN a server, and a receiver on it (once for each signal)
     const std::unique_ptr<JackServer> server = JackServer::start();
@@ -324,7 +324,7 @@ TEST(JackMidiReceiver, EndsWithStatusZeroOnSigtermAndOnSigint)
     }
 }
 
-TEST(JackMidiReceiver, EndsWithStatusTwoWhenNoServerRunsAndStartsNone)
+TEST(JackMIDIReceiver, EndsWithStatusTwoWhenNoServerRunsAndStartsNone)
 {
     // GIVEN a server name where nothing runs
     const std::string absent = JackServer::uniqueName("plk-absent");
@@ -341,7 +341,7 @@ TEST(JackMidiReceiver, EndsWithStatusTwoWhenNoServerRunsAndStartsNone)
     EXPECT_FALSE(JackServer::serverExists(absent));
 }
 
-TEST(JackMidiReceiver, RejectsAnUnknownOptionWithStatusOne)
+TEST(JackMIDIReceiver, RejectsAnUnknownOptionWithStatusOne)
 {
     ChildProcess::Options options;
     options.arguments = {"--bogus"};

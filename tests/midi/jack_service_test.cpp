@@ -42,7 +42,7 @@ template <typename Condition> bool waitUntil(Condition condition, std::chrono::m
     return plinkora::testing::waitUntil(condition, timeout);
 }
 
-bool contains(const std::vector<MidiDestination>& list, const MidiDestination& item)
+bool contains(const std::vector<MIDIDestination>& list, const MIDIDestination& item)
 {
     return std::find(list.begin(), list.end(), item) != list.end();
 }
@@ -85,7 +85,7 @@ protected:
     /// The manager on the JACK back end inside a recovering back end, watching.
     void makeManager()
     {
-        auto recovering = makeRecoveringBackend(makeBackend(MidiApiKind::Jack));
+        auto recovering = makeRecoveringBackend(makeBackend(MIDIApiKind::Jack));
         keeper = recovering.get();
         manager = std::make_unique<MIDIManager>(std::move(recovering));
         ASSERT_NE(manager->virtualSource, 0u);
@@ -127,13 +127,13 @@ TEST_F(JackServiceTest, ThePatchbayListsInputsConnectsDisconnectsAndTellsOfChang
     JackPatchbay patchbay;
     std::atomic<int> changes{0};
     patchbay.setChangeCallback([&] { ++changes; });
-    const MidiDestination input{receiverName, "in"};
+    const MIDIDestination input{receiverName, "in"};
 
     // THEN the receiver's input is listed, PLK's own port and the patchbay's client are not,
     // and PLK is connected to nothing
-    const std::vector<MidiDestination> listed = patchbay.destinations();
+    const std::vector<MIDIDestination> listed = patchbay.destinations();
     EXPECT_TRUE(contains(listed, input));
-    for (const MidiDestination& destination : listed)
+    for (const MIDIDestination& destination : listed)
         EXPECT_NE(destination.client, "PLK") << destination.name();
     EXPECT_TRUE(patchbay.sourcePublished());
     EXPECT_TRUE(patchbay.connections().empty());
@@ -158,7 +158,7 @@ TEST_F(JackServiceTest, ThePatchbayListsInputsConnectsDisconnectsAndTellsOfChang
     const int beforeNew = changes.load();
     startReceiver(receiverName + "-b");
     EXPECT_TRUE(waitUntil([&] { return changes.load() > beforeNew; }));
-    EXPECT_TRUE(contains(patchbay.destinations(), MidiDestination{receiverName + "-b", "in"}));
+    EXPECT_TRUE(contains(patchbay.destinations(), MIDIDestination{receiverName + "-b", "in"}));
     manager->cleanup();
 }
 
@@ -189,7 +189,7 @@ TEST_P(JackServiceLossTest, PLKComesBackConnectedToItsReceiverAfterTheServerDied
     makeManager();
     ChildProcess& first = startReceiver(receiverName, "PLK:PLK");
     ASSERT_TRUE(first.waitForLine("connected PLK:PLK", kTimeout)) << first.describe();
-    const MidiDestination input{receiverName, "in"};
+    const MIDIDestination input{receiverName, "in"};
     ASSERT_TRUE(waitUntil([&] { return contains(keeper->rememberedConnections(), input); }));
     ASSERT_TRUE(heard(first, 50));
     manager->sendNoteOn(52, 100, 0);

@@ -17,7 +17,7 @@ using Op = RecordingBackend::Op;
 
 /// A MIDIManager on a recording back end; the set-up calls are forgotten so each test sees
 /// only what it caused.
-class MidiManagerTest : public ::testing::Test
+class MIDIManagerTest : public ::testing::Test
 {
 protected:
     void SetUp() override { make(); }
@@ -65,7 +65,7 @@ protected:
 
 // Messages
 
-TEST_F(MidiManagerTest, NoteOnSendsNinetyPlusChannelThenNoteThenVelocity)
+TEST_F(MIDIManagerTest, NoteOnSendsNinetyPlusChannelThenNoteThenVelocity)
 {
     // GIVEN a published source
     // WHEN note 60 starts with velocity 100 on channel 3
@@ -76,7 +76,7 @@ TEST_F(MidiManagerTest, NoteOnSendsNinetyPlusChannelThenNoteThenVelocity)
     EXPECT_EQ(backend->calls()[0].length, 3);
 }
 
-TEST_F(MidiManagerTest, NoteOnMasksNoteAndVelocityToSevenBitsInsteadOfClamping)
+TEST_F(MIDIManagerTest, NoteOnMasksNoteAndVelocityToSevenBitsInsteadOfClamping)
 {
     // GIVEN a published source
     // WHEN a note and a velocity above 127 are sent
@@ -85,7 +85,7 @@ TEST_F(MidiManagerTest, NoteOnMasksNoteAndVelocityToSevenBitsInsteadOfClamping)
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0x90, 0x48, 0x7F}}));
 }
 
-TEST_F(MidiManagerTest, NoteOffSendsEightyPlusChannelThenNoteThenZero)
+TEST_F(MIDIManagerTest, NoteOffSendsEightyPlusChannelThenNoteThenZero)
 {
     // GIVEN a sounding note 60 on channel 2
     manager->sendNoteOn(60, 100, 2);
@@ -97,7 +97,7 @@ TEST_F(MidiManagerTest, NoteOffSendsEightyPlusChannelThenNoteThenZero)
     EXPECT_EQ(backend->calls()[0].length, 3);
 }
 
-TEST_F(MidiManagerTest, NoteOffMasksTheNote)
+TEST_F(MIDIManagerTest, NoteOffMasksTheNote)
 {
     // GIVEN a published source
     // WHEN note 255 stops
@@ -106,7 +106,7 @@ TEST_F(MidiManagerTest, NoteOffMasksTheNote)
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0x80, 0x7F, 0x00}}));
 }
 
-TEST_F(MidiManagerTest, PitchBendSendsTheLowSevenBitsThenTheHighSevenBits)
+TEST_F(MIDIManagerTest, PitchBendSendsTheLowSevenBitsThenTheHighSevenBits)
 {
     // GIVEN a published source
     // WHEN the bend is centred, at its top, at its bottom
@@ -117,7 +117,7 @@ TEST_F(MidiManagerTest, PitchBendSendsTheLowSevenBitsThenTheHighSevenBits)
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0xE0, 0x00, 0x40}, {0xE0, 0x7F, 0x7F}, {0xE0, 0x00, 0x00}}));
 }
 
-TEST_F(MidiManagerTest, PitchBendAboveFourteenBitsIsMaskedNotClamped)
+TEST_F(MIDIManagerTest, PitchBendAboveFourteenBitsIsMaskedNotClamped)
 {
     // GIVEN a published source
     // WHEN a bend value of 0xFFFF is sent on channel 1
@@ -126,7 +126,7 @@ TEST_F(MidiManagerTest, PitchBendAboveFourteenBitsIsMaskedNotClamped)
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0xE1, 0x7F, 0x7F}}));
 }
 
-TEST_F(MidiManagerTest, ControlChangeSendsBZeroPlusChannelThenMaskedControllerAndValue)
+TEST_F(MIDIManagerTest, ControlChangeSendsBZeroPlusChannelThenMaskedControllerAndValue)
 {
     // GIVEN a published source
     // WHEN controller 200 gets value 10 on channel 3
@@ -136,7 +136,7 @@ TEST_F(MidiManagerTest, ControlChangeSendsBZeroPlusChannelThenMaskedControllerAn
     EXPECT_EQ(backend->calls()[0].length, 3);
 }
 
-TEST_F(MidiManagerTest, ControlChangeMasksTheValue)
+TEST_F(MIDIManagerTest, ControlChangeMasksTheValue)
 {
     // GIVEN a published source
     // WHEN controller 1 gets value 130
@@ -145,7 +145,7 @@ TEST_F(MidiManagerTest, ControlChangeMasksTheValue)
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0xB0, 0x01, 0x02}}));
 }
 
-TEST_F(MidiManagerTest, ProgramChangeIsATwoByteMessage)
+TEST_F(MIDIManagerTest, ProgramChangeIsATwoByteMessage)
 {
     // GIVEN a published source
     // WHEN program 5 is chosen on channel 2
@@ -156,7 +156,7 @@ TEST_F(MidiManagerTest, ProgramChangeIsATwoByteMessage)
     EXPECT_EQ(backend->calls()[0].length, 2);
 }
 
-TEST_F(MidiManagerTest, ProgramChangeMasksTheProgram)
+TEST_F(MIDIManagerTest, ProgramChangeMasksTheProgram)
 {
     // GIVEN a published source
     // WHEN program 130 is chosen
@@ -165,13 +165,13 @@ TEST_F(MidiManagerTest, ProgramChangeMasksTheProgram)
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0xC0, 0x02}}));
 }
 
-TEST_F(MidiManagerTest, EveryMessageIsHandedOverAloneWithJustItsOwnBytes)
+TEST_F(MIDIManagerTest, EveryMessageIsHandedOverAloneWithJustItsOwnBytes)
 {
     // GIVEN a back end that checks each message it is handed
     struct CheckingBackend final : NullBackend
     {
         std::string_view apiName() const override { return "checking"; }
-        MidiStatus send(std::uint32_t, MidiBytes message) override
+        MIDIStatus send(std::uint32_t, MIDIBytes message) override
         {
             lengths.push_back(message.size());
             if (message.empty() || message[0] < 0x80)
@@ -204,7 +204,7 @@ TEST_F(MidiManagerTest, EveryMessageIsHandedOverAloneWithJustItsOwnBytes)
 
 // Channels
 
-TEST_F(MidiManagerTest, ChannelSixteenWrapsToZeroAndSeventeenToOne)
+TEST_F(MIDIManagerTest, ChannelSixteenWrapsToZeroAndSeventeenToOne)
 {
     // GIVEN a published source
     // WHEN messages go to channels 16 and 17
@@ -218,7 +218,7 @@ TEST_F(MidiManagerTest, ChannelSixteenWrapsToZeroAndSeventeenToOne)
 
 // Set-up
 
-TEST_F(MidiManagerTest, SetupCreatesTheClientThenTheSourceBothNamedPLK)
+TEST_F(MIDIManagerTest, SetupCreatesTheClientThenTheSourceBothNamedPLK)
 {
     // GIVEN the manager was made (SetUp)
     // THEN the client came first, then the source of that client, both called PLK
@@ -234,7 +234,7 @@ TEST_F(MidiManagerTest, SetupCreatesTheClientThenTheSourceBothNamedPLK)
     EXPECT_EQ(setupOutput, "");
 }
 
-TEST_F(MidiManagerTest, ClientFailurePrintsItsLineAndNoSourceIsAttempted)
+TEST_F(MIDIManagerTest, ClientFailurePrintsItsLineAndNoSourceIsAttempted)
 {
     // GIVEN a back end whose client cannot be made
     // WHEN the manager is made
@@ -247,7 +247,7 @@ TEST_F(MidiManagerTest, ClientFailurePrintsItsLineAndNoSourceIsAttempted)
     EXPECT_EQ(manager->virtualSource, 0u);
 }
 
-TEST_F(MidiManagerTest, SourceFailurePrintsItsLine)
+TEST_F(MIDIManagerTest, SourceFailurePrintsItsLine)
 {
     // GIVEN a back end whose source cannot be published
     // WHEN the manager is made
@@ -259,7 +259,7 @@ TEST_F(MidiManagerTest, SourceFailurePrintsItsLine)
     EXPECT_EQ(manager->virtualSource, 0u);
 }
 
-TEST_F(MidiManagerTest, WithoutAClientNothingIsEverSentAndCleanupDisposesNothing)
+TEST_F(MIDIManagerTest, WithoutAClientNothingIsEverSentAndCleanupDisposesNothing)
 {
     // GIVEN a manager whose client could not be made
     make([](RecordingBackend& b) { b.failWith(Op::CreateClient, kStatusClientFailed); });
@@ -277,7 +277,7 @@ TEST_F(MidiManagerTest, WithoutAClientNothingIsEverSentAndCleanupDisposesNothing
     EXPECT_EQ(printed, "");
 }
 
-TEST_F(MidiManagerTest, WithoutASourceCleanupDisposesOnlyTheClient)
+TEST_F(MIDIManagerTest, WithoutASourceCleanupDisposesOnlyTheClient)
 {
     // GIVEN a manager whose client exists but whose source could not be published
     make([](RecordingBackend& b) { b.failWith(Op::CreateSource, kStatusSourceFailed); });
@@ -289,7 +289,7 @@ TEST_F(MidiManagerTest, WithoutASourceCleanupDisposesOnlyTheClient)
 
 // The set of sounding notes
 
-TEST_F(MidiManagerTest, ASecondNoteOnForAHeldKeySendsNothing)
+TEST_F(MIDIManagerTest, ASecondNoteOnForAHeldKeySendsNothing)
 {
     // GIVEN note 60 sounding (the key is held)
     manager->sendNoteOn(60, 100, 0);
@@ -300,7 +300,7 @@ TEST_F(MidiManagerTest, ASecondNoteOnForAHeldKeySendsNothing)
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0x90, 0x3C, 0x64}}));
 }
 
-TEST_F(MidiManagerTest, AfterNoteOffTheNextNoteOnIsSentAgain)
+TEST_F(MIDIManagerTest, AfterNoteOffTheNextNoteOnIsSentAgain)
 {
     // GIVEN note 60 started and stopped
     manager->sendNoteOn(60, 100, 0);
@@ -311,7 +311,7 @@ TEST_F(MidiManagerTest, AfterNoteOffTheNextNoteOnIsSentAgain)
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0x90, 0x3C, 0x64}, {0x80, 0x3C, 0x00}, {0x90, 0x3C, 0x64}}));
 }
 
-TEST_F(MidiManagerTest, TheSameNoteOnAnotherChannelIsNotSentWhileItSounds)
+TEST_F(MIDIManagerTest, TheSameNoteOnAnotherChannelIsNotSentWhileItSounds)
 {
     // GIVEN note 60 sounding on channel 0
     manager->sendNoteOn(60, 100, 0);
@@ -321,7 +321,7 @@ TEST_F(MidiManagerTest, TheSameNoteOnAnotherChannelIsNotSentWhileItSounds)
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0x90, 0x3C, 0x64}}));
 }
 
-TEST_F(MidiManagerTest, NoteOffForANoteNeverStartedIsStillSent)
+TEST_F(MIDIManagerTest, NoteOffForANoteNeverStartedIsStillSent)
 {
     // GIVEN no sounding note
     // WHEN note 61 stops on channel 4
@@ -330,7 +330,7 @@ TEST_F(MidiManagerTest, NoteOffForANoteNeverStartedIsStillSent)
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0x84, 0x3D, 0x00}}));
 }
 
-TEST_F(MidiManagerTest, TheNoteSetKeepsTheNoteAsGivenNotAsMasked)
+TEST_F(MIDIManagerTest, TheNoteSetKeepsTheNoteAsGivenNotAsMasked)
 {
     // GIVEN note 200 sounding (sent as 0x48)
     manager->sendNoteOn(200, 100, 0);
@@ -344,7 +344,7 @@ TEST_F(MidiManagerTest, TheNoteSetKeepsTheNoteAsGivenNotAsMasked)
 
 // Cleanup
 
-TEST_F(MidiManagerTest, CleanupStopsSoundingNotesInAscendingOrderThenCentresTheBendThenZeroesModulation)
+TEST_F(MIDIManagerTest, CleanupStopsSoundingNotesInAscendingOrderThenCentresTheBendThenZeroesModulation)
 {
     // GIVEN notes 64 and 60 sounding (started in that order)
     manager->sendNoteOn(64, 100, 0);
@@ -362,7 +362,7 @@ TEST_F(MidiManagerTest, CleanupStopsSoundingNotesInAscendingOrderThenCentresTheB
     EXPECT_EQ(printed, "");
 }
 
-TEST_F(MidiManagerTest, CleanupWithNoSoundingNoteSendsOnlyBendCentreAndModulationZero)
+TEST_F(MIDIManagerTest, CleanupWithNoSoundingNoteSendsOnlyBendCentreAndModulationZero)
 {
     // GIVEN no sounding note
     // WHEN cleanup runs
@@ -372,7 +372,7 @@ TEST_F(MidiManagerTest, CleanupWithNoSoundingNoteSendsOnlyBendCentreAndModulatio
     EXPECT_EQ(ops(), (std::vector<Op>{Op::Send, Op::Send, Op::DisposeSource, Op::DisposeClient}));
 }
 
-TEST_F(MidiManagerTest, CleanupStopsANoteStartedOnChannelFiveOnChannelZero)
+TEST_F(MIDIManagerTest, CleanupStopsANoteStartedOnChannelFiveOnChannelZero)
 {
     // GIVEN note 67 sounding on channel 5
     manager->sendNoteOn(67, 100, 5);
@@ -384,7 +384,7 @@ TEST_F(MidiManagerTest, CleanupStopsANoteStartedOnChannelFiveOnChannelZero)
     EXPECT_EQ(sent()[0], (Bytes{0x80, 0x43, 0x00}));
 }
 
-TEST_F(MidiManagerTest, CleanupGoesOnWhenANoteOffFails)
+TEST_F(MIDIManagerTest, CleanupGoesOnWhenANoteOffFails)
 {
     // GIVEN notes 60 and 64 sounding and a back end that now fails every send with -5
     manager->sendNoteOn(60, 100, 0);
@@ -405,7 +405,7 @@ TEST_F(MidiManagerTest, CleanupGoesOnWhenANoteOffFails)
 
 // Send errors
 
-TEST_F(MidiManagerTest, EachFailedSendPrintsItsLineWithTheSignedStatus)
+TEST_F(MIDIManagerTest, EachFailedSendPrintsItsLineWithTheSignedStatus)
 {
     // GIVEN a back end that fails every send with -5
     backend->failWith(Op::Send, kStatusSendFailed);
@@ -423,7 +423,7 @@ TEST_F(MidiManagerTest, EachFailedSendPrintsItsLineWithTheSignedStatus)
                        "Error sending MIDI program change: -5\n");
 }
 
-TEST_F(MidiManagerTest, AFailedControlChangeNamesTheControllerBeforeMasking)
+TEST_F(MIDIManagerTest, AFailedControlChangeNamesTheControllerBeforeMasking)
 {
     // GIVEN a back end that fails every send with -5
     backend->failWith(Op::Send, kStatusSendFailed);
@@ -434,17 +434,17 @@ TEST_F(MidiManagerTest, AFailedControlChangeNamesTheControllerBeforeMasking)
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0xB3, 0x48, 0x0A}}));
 }
 
-TEST_F(MidiManagerTest, APositiveStatusIsPrintedAsIs)
+TEST_F(MIDIManagerTest, APositiveStatusIsPrintedAsIs)
 {
     // GIVEN a back end that fails sends with an unusual positive status
-    backend->failWith(Op::Send, static_cast<MidiStatus>(12345)); // any number a service may answer
+    backend->failWith(Op::Send, static_cast<MIDIStatus>(12345)); // any number a service may answer
     // WHEN a bend is sent
     const std::string printed = printedBy([&] { manager->sendPitchBend(0, 0); });
     // THEN the number is printed in signed decimal
     EXPECT_EQ(printed, "Error sending MIDI pitch bend: 12345\n");
 }
 
-TEST_F(MidiManagerTest, AFailedNoteOnStaysInTheNoteSet)
+TEST_F(MIDIManagerTest, AFailedNoteOnStaysInTheNoteSet)
 {
     // GIVEN a back end that fails every send
     backend->failWith(Op::Send, kStatusSendFailed);
@@ -465,7 +465,7 @@ TEST_F(MidiManagerTest, AFailedNoteOnStaysInTheNoteSet)
     EXPECT_EQ(sent()[0], (Bytes{0x80, 0x3C, 0x00}));
 }
 
-TEST_F(MidiManagerTest, ASuccessfulSendPrintsNothing)
+TEST_F(MIDIManagerTest, ASuccessfulSendPrintsNothing)
 {
     // GIVEN a working back end
     // WHEN every kind of message is sent
@@ -480,19 +480,19 @@ TEST_F(MidiManagerTest, ASuccessfulSendPrintsNothing)
     EXPECT_EQ(printed, "");
 }
 
-TEST(MidiManagerLifetime, DestroyingTheManagerWithoutCleanupSendsAndDisposesNothing)
+TEST(MIDIManagerLifetime, DestroyingTheManagerWithoutCleanupSendsAndDisposesNothing)
 {
     // GIVEN a manager whose back end forwards to a recording that outlives it, with a note sounding
-    struct Forwarding final : MidiBackend
+    struct Forwarding final : MIDIBackend
     {
         explicit Forwarding(RecordingBackend& to) : target(to) {}
         std::string_view apiName() const override { return "forwarding"; }
-        MidiStatus createClient(std::string_view n, std::uint32_t& c) override { return target.createClient(n, c); }
-        MidiStatus createSource(std::uint32_t c, std::string_view n, std::uint32_t& s) override
+        MIDIStatus createClient(std::string_view n, std::uint32_t& c) override { return target.createClient(n, c); }
+        MIDIStatus createSource(std::uint32_t c, std::string_view n, std::uint32_t& s) override
         {
             return target.createSource(c, n, s);
         }
-        MidiStatus send(std::uint32_t s, MidiBytes m) override { return target.send(s, m); }
+        MIDIStatus send(std::uint32_t s, MIDIBytes m) override { return target.send(s, m); }
         void disposeSource(std::uint32_t s) override { target.disposeSource(s); }
         void disposeClient(std::uint32_t c) override { target.disposeClient(c); }
         RecordingBackend& target;
@@ -507,7 +507,7 @@ TEST(MidiManagerLifetime, DestroyingTheManagerWithoutCleanupSendsAndDisposesNoth
     EXPECT_TRUE(recording.calls().empty());
 }
 
-TEST_F(MidiManagerTest, StoppingTheActiveNotesSendsTheirNoteOffsOnTheGivenChannelInAscendingOrder)
+TEST_F(MIDIManagerTest, StoppingTheActiveNotesSendsTheirNoteOffsOnTheGivenChannelInAscendingOrder)
 {
     // GIVEN notes 64 and 48 started on channel 0 and 60 on channel 3
     manager->sendNoteOn(64, 100, 0);
@@ -525,7 +525,7 @@ TEST_F(MidiManagerTest, StoppingTheActiveNotesSendsTheirNoteOffsOnTheGivenChanne
     EXPECT_TRUE(sent().empty());
 }
 
-TEST_F(MidiManagerTest, AllChannelsOffSendsSustainAllNotesOffAndAllSoundOffOnEachChannelInTurn)
+TEST_F(MIDIManagerTest, AllChannelsOffSendsSustainAllNotesOffAndAllSoundOffOnEachChannelInTurn)
 {
     manager->sendAllChannelsOff();
     std::vector<Bytes> expected;
@@ -538,13 +538,13 @@ TEST_F(MidiManagerTest, AllChannelsOffSendsSustainAllNotesOffAndAllSoundOffOnEac
     EXPECT_EQ(sent(), expected);
 }
 
-TEST_F(MidiManagerTest, BendersAtRestAreBendCentreThenModulationZeroOnChannelZero)
+TEST_F(MIDIManagerTest, BendersAtRestAreBendCentreThenModulationZeroOnChannelZero)
 {
     manager->sendBendersAtRest();
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0xE0, 0x00, 0x40}, {0xB0, 0x01, 0x00}}));
 }
 
-TEST_F(MidiManagerTest, WithoutASourceThePanicMessagesSendNothing)
+TEST_F(MIDIManagerTest, WithoutASourceThePanicMessagesSendNothing)
 {
     make([](RecordingBackend& b) { b.failWith(Op::CreateSource, kStatusSourceFailed); });
     manager->activeNotes.insert(60);

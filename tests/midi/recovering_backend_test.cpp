@@ -28,11 +28,11 @@ constexpr auto kTimeout = 20s;
 
 /// A MIDI service that can go away and come back. It reports the loss from a thread of its
 /// own, as the real services do.
-class FakeService final : public MidiBackend
+class FakeService final : public MIDIBackend
 {
 public:
     std::string_view apiName() const override { return "alsa"; }
-    MidiStatus createClient(std::string_view name, std::uint32_t& client) override
+    MIDIStatus createClient(std::string_view name, std::uint32_t& client) override
     {
         ++clientAttempts;
         if (!running)
@@ -42,7 +42,7 @@ public:
         clients.push_back(client);
         return kStatusOk;
     }
-    MidiStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override
+    MIDIStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override
     {
         if (!running || clients.empty() || clients.back() != client)
             return kStatusSourceFailed;
@@ -52,7 +52,7 @@ public:
         published = true;
         return kStatusOk;
     }
-    MidiStatus send(std::uint32_t source, MidiBytes message) override
+    MIDIStatus send(std::uint32_t source, MIDIBytes message) override
     {
         if (!running)
             return kStatusServiceUnavailable;
@@ -93,20 +93,20 @@ public:
 
 /// The service's patchbay: destinations, PLK's connections (kept by the service while PLK is
 /// published, lost with it), and change notices from another thread.
-class FakePatchbay final : public MidiPatchbay
+class FakePatchbay final : public MIDIPatchbay
 {
 public:
     explicit FakePatchbay(FakeService& service)
         : service_(service)
     {
     }
-    std::vector<MidiDestination> destinations() override { return service_.running ? present : std::vector<MidiDestination>{}; }
-    std::vector<MidiDestination> connections() override
+    std::vector<MIDIDestination> destinations() override { return service_.running ? present : std::vector<MIDIDestination>{}; }
+    std::vector<MIDIDestination> connections() override
     {
-        return service_.published ? connected : std::vector<MidiDestination>{};
+        return service_.published ? connected : std::vector<MIDIDestination>{};
     }
     bool sourcePublished() override { return service_.published; }
-    bool connect(const MidiDestination& destination) override
+    bool connect(const MIDIDestination& destination) override
     {
         ++connectCalls;
         if (!service_.published || std::find(present.begin(), present.end(), destination) == present.end())
@@ -115,7 +115,7 @@ public:
             connected.push_back(destination);
         return true;
     }
-    bool disconnect(const MidiDestination& destination) override
+    bool disconnect(const MIDIDestination& destination) override
     {
         std::erase(connected, destination);
         return true;
@@ -128,14 +128,14 @@ public:
             std::thread([this] { changed_(); }).join();
     }
     /// Someone (another program, the user) connects PLK to `destination`.
-    void connectFromOutside(const MidiDestination& destination)
+    void connectFromOutside(const MIDIDestination& destination)
     {
         connect(destination);
         changed();
     }
 
-    std::vector<MidiDestination> present{{"Synth", "in"}, {"Sampler", "midi_in"}, {"Recorder", "in"}};
-    std::vector<MidiDestination> connected;
+    std::vector<MIDIDestination> present{{"Synth", "in"}, {"Sampler", "midi_in"}, {"Recorder", "in"}};
+    std::vector<MIDIDestination> connected;
     int connectCalls = 0;
 
 private:
@@ -143,8 +143,8 @@ private:
     std::function<void()> changed_;
 };
 
-const MidiDestination kSynth{"Synth", "in"};
-const MidiDestination kSampler{"Sampler", "midi_in"};
+const MIDIDestination kSynth{"Synth", "in"};
+const MIDIDestination kSampler{"Sampler", "midi_in"};
 
 template <typename Condition> bool waitUntil(Condition condition, std::chrono::milliseconds timeout = kTimeout)
 {

@@ -13,12 +13,12 @@ namespace plinkora::testing {
 /// A MIDI service's connections held in memory: inputs come and go, connections are made by
 /// PLK or from outside, and every change calls the change callback, as a real service does
 /// (on the caller's thread here).
-class FakePatchbay final : public MidiPatchbay
+class FakePatchbay final : public MIDIPatchbay
 {
 public:
-    std::vector<MidiDestination> destinations() override { return present; }
-    std::vector<MidiDestination> connections() override { return connected; }
-    bool connect(const MidiDestination& destination) override
+    std::vector<MIDIDestination> destinations() override { return present; }
+    std::vector<MIDIDestination> connections() override { return connected; }
+    bool connect(const MIDIDestination& destination) override
     {
         ++connectCalls;
         if (refuse || !has(present, destination))
@@ -29,7 +29,7 @@ public:
         }
         return true;
     }
-    bool disconnect(const MidiDestination& destination) override
+    bool disconnect(const MIDIDestination& destination) override
     {
         if (std::erase(connected, destination) > 0)
             changed();
@@ -38,39 +38,39 @@ public:
     void setChangeCallback(std::function<void()> callback) override { callback_ = std::move(callback); }
 
     /// A receiver starts: its input appears.
-    void add(const MidiDestination& destination)
+    void add(const MIDIDestination& destination)
     {
         present.push_back(destination);
         changed();
     }
     /// A receiver ends: its input and PLK's connection to it go.
-    void remove(const MidiDestination& destination)
+    void remove(const MIDIDestination& destination)
     {
         std::erase(present, destination);
         std::erase(connected, destination);
         changed();
     }
     /// Another program connects PLK or disconnects it.
-    void connectFromOutside(const MidiDestination& destination)
+    void connectFromOutside(const MIDIDestination& destination)
     {
         connected.push_back(destination);
         changed();
     }
-    void disconnectFromOutside(const MidiDestination& destination)
+    void disconnectFromOutside(const MIDIDestination& destination)
     {
         std::erase(connected, destination);
         changed();
     }
-    bool isConnected(const MidiDestination& destination) const { return has(connected, destination); }
+    bool isConnected(const MIDIDestination& destination) const { return has(connected, destination); }
     bool hasCallback() const { return static_cast<bool>(callback_); }
 
-    std::vector<MidiDestination> present;
-    std::vector<MidiDestination> connected;
+    std::vector<MIDIDestination> present;
+    std::vector<MIDIDestination> connected;
     bool refuse = false; // connect() fails
     int connectCalls = 0;
 
 private:
-    static bool has(const std::vector<MidiDestination>& list, const MidiDestination& destination)
+    static bool has(const std::vector<MIDIDestination>& list, const MIDIDestination& destination)
     {
         return std::find(list.begin(), list.end(), destination) != list.end();
     }

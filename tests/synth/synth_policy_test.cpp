@@ -14,19 +14,19 @@ using namespace plinkora;
 
 namespace {
 
-class FakePatchbay final : public MidiPatchbay
+class FakePatchbay final : public MIDIPatchbay
 {
 public:
-    std::vector<MidiDestination> destinations() override { return {{"Ardour", "midi_in"}, {"rx", "in"}}; }
-    std::vector<MidiDestination> connections() override { return connected; }
-    bool connect(const MidiDestination& destination) override
+    std::vector<MIDIDestination> destinations() override { return {{"Ardour", "midi_in"}, {"rx", "in"}}; }
+    std::vector<MIDIDestination> connections() override { return connected; }
+    bool connect(const MIDIDestination& destination) override
     {
         connected.push_back(destination);
         if (changed)
             changed();
         return true;
     }
-    bool disconnect(const MidiDestination& destination) override
+    bool disconnect(const MIDIDestination& destination) override
     {
         std::erase(connected, destination);
         if (changed)
@@ -35,7 +35,7 @@ public:
     }
     void setChangeCallback(std::function<void()> callback) override { changed = std::move(callback); }
 
-    std::vector<MidiDestination> connected;
+    std::vector<MIDIDestination> connected;
     std::function<void()> changed;
 };
 

@@ -20,8 +20,8 @@ using namespace plinkora::testing;
 
 namespace {
 
-const MidiDestination kFluid{"fluidsynth", "midi_00"};
-const MidiDestination kSampler{"sampler", "in_1"};
+const MIDIDestination kFluid{"fluidsynth", "midi_00"};
+const MIDIDestination kSampler{"sampler", "in_1"};
 
 class ConnectionsViewTest : public EngineFixture
 {
