@@ -127,8 +127,7 @@ void AppDelegate::applicationDidFinishLaunching()
     // the session ends and for mere checkpoints alike, and Plinkora has nothing to save. The end
     // of the session arrives as "die" (here), SIGTERM or SIGHUP, or the display going away
     // (the exit handler).
-    connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this,
-            &AppDelegate::applicationWillTerminate);
+    connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate);
 
     // The menu bar belongs to the main window on Linux and Windows; it is made with it below.
     publishMIDIPort();

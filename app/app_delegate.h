@@ -140,7 +140,7 @@ private:
     AppServices services_;
     std::unique_ptr<KeyEventFilter> keyEventFilter_;
     std::unique_ptr<KeyFocusWatch> keyFocusWatch_;
-    RecoveringBackend* midiService_ = nullptr; // owned by midiManager
+    RecoveringBackend* midiService_ = nullptr;   // owned by midiManager
     std::unique_ptr<MIDIPatchbay> synthReaders_; // a view of midiService_'s patchbay
     // Closed preferences windows waiting for their deferred deletion.
     std::vector<QPointer<PreferencesWindow>> closedPreferences_;

@@ -16,8 +16,13 @@ namespace {
 // Qt's standard options, left in place for the application object to read. Qt accepts them
 // with one dash or two.
 constexpr std::array<std::string_view, 15> kQtOptionsWithValue{
-    "platform", "platformpluginpath", "platformtheme", "plugin", "qwindowgeometry", "geometry", "qwindowtitle",
-    "title",    "qwindowicon",        "icon",          "display", "name",           "style",    "stylesheet",
+    "platform",        "platformpluginpath",
+    "platformtheme",   "plugin",
+    "qwindowgeometry", "geometry",
+    "qwindowtitle",    "title",
+    "qwindowicon",     "icon",
+    "display",         "name",
+    "style",           "stylesheet",
     "session",
 };
 constexpr std::array<std::string_view, 5> kQtFlags{"reverse", "widgetcount", "nograb", "dograb", "sync"};

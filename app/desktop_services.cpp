@@ -95,8 +95,8 @@ std::unique_ptr<MIDIBackend> DesktopServices::makeMIDIBackend()
     std::unique_ptr<MIDIBackend> backend = chooseBackend(requested, error);
     if (!backend) {
         // Only the setting can name an unknown system here: the command line was checked.
-        printLine("Ignoring the setting \"" + std::string(kMIDIApiKey) + "\" in "
-                  + settings_.fileName().toStdString() + ": " + error);
+        printLine("Ignoring the setting \"" + std::string(kMIDIApiKey) + "\" in " + settings_.fileName().toStdString()
+                  + ": " + error);
         backend = chooseBackend({}, error);
     }
     return backend;
@@ -134,10 +134,11 @@ std::unique_ptr<Announcer> DesktopServices::makeAnnouncer()
     }
     auto announcer = std::make_unique<DesktopAnnouncer>(*screenReader_, *voice_);
     // What was to be spoken before the screen-reader question had its answer is spoken then.
-    screenReader_->setFirstAnswerCallback([announcer = announcer.get(), alive = QPointer<QObject>(announcer->context())] {
-        if (alive)
-            announcer->speakHeld();
-    });
+    screenReader_->setFirstAnswerCallback(
+        [announcer = announcer.get(), alive = QPointer<QObject>(announcer->context())] {
+            if (alive)
+                announcer->speakHeld();
+        });
     return announcer;
 }
 

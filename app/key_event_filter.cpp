@@ -162,11 +162,7 @@ std::uint64_t KeyEventFilter::heldModifierFlags() const
 
 KeyEventFilter::Signature KeyEventFilter::signatureOf(const QKeyEvent& event)
 {
-    return {event.type(),
-            event.key(),
-            event.nativeScanCode(),
-            event.nativeVirtualKey(),
-            event.nativeModifiers(),
+    return {event.type(),        event.key(), event.nativeScanCode(), event.nativeVirtualKey(), event.nativeModifiers(),
             event.isAutoRepeat()};
 }
 

@@ -79,9 +79,9 @@ int main(int argc, char** argv)
 
     QSettings qsettings(QStringLiteral("Plinkora"), QStringLiteral("Plinkora")); // ~/.config/Plinkora/Plinkora.conf
     SettingsStore settings(qsettings);
-    auto desktop = std::make_unique<DesktopServices>(commandLine.midiApi, settings,
-                                                     BuiltInSynth::Options{commandLine.synthMode, commandLine.soundFont,
-                                                                           commandLine.audioDriver, {}});
+    auto desktop = std::make_unique<DesktopServices>(
+        commandLine.midiApi, settings,
+        BuiltInSynth::Options{commandLine.synthMode, commandLine.soundFont, commandLine.audioDriver, {}});
     auto delegate = std::make_unique<AppDelegate>(settings, desktop->services());
     delegate->connectThisRun = commandLine.connect;
     // From here on SIGINT, SIGTERM and SIGHUP end Plinkora through the orderly shut-down (once

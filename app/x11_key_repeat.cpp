@@ -54,15 +54,15 @@ bool enableDetectableAutoRepeat()
     if (!extension || !extension->present)
         return false;
 
-    const auto used = waitForReply(connection, xcb_xkb_use_extension(connection, XCB_XKB_MAJOR_VERSION, XCB_XKB_MINOR_VERSION),
+    const auto used = waitForReply(connection,
+                                   xcb_xkb_use_extension(connection, XCB_XKB_MAJOR_VERSION, XCB_XKB_MINOR_VERSION),
                                    &xcb_xkb_use_extension_reply);
     if (!used || !used->supported)
         return false;
 
     constexpr std::uint32_t detectable = XCB_XKB_PER_CLIENT_FLAG_DETECTABLE_AUTO_REPEAT;
     const auto flags = waitForReply(
-        connection,
-        xcb_xkb_per_client_flags(connection, XCB_XKB_ID_USE_CORE_KBD, detectable, detectable, 0, 0, 0),
+        connection, xcb_xkb_per_client_flags(connection, XCB_XKB_ID_USE_CORE_KBD, detectable, detectable, 0, 0, 0),
         &xcb_xkb_per_client_flags_reply);
     return flags && (flags->value & detectable) != 0;
 #else

@@ -316,8 +316,8 @@ int main(int argc, char** argv)
         if (i > 0 && std::strncmp(argument, kOption, sizeof kOption - 1) == 0) {
             const std::string value = argument + sizeof kOption - 1;
             bool known = false;
-            for (DiagnosticsTarget t : {DiagnosticsTarget::Null, DiagnosticsTarget::File, DiagnosticsTarget::Pipe,
-                                        DiagnosticsTarget::Pty}) {
+            for (DiagnosticsTarget t :
+                 {DiagnosticsTarget::Null, DiagnosticsTarget::File, DiagnosticsTarget::Pipe, DiagnosticsTarget::Pty}) {
                 if (value == nameOf(t)) {
                     target = t;
                     known = true;
@@ -352,8 +352,8 @@ int main(int argc, char** argv)
     benchmark::ConsoleReporter reporter(options);
     reporter.SetOutputStream(&sink.report());
     reporter.SetErrorStream(&sink.report());
-    sink.report() << "Plinkora's \"Announcing: \" lines go to " << describe(target) << "; Qt "
-                  << qVersion() << ", " << qPrintable(QGuiApplication::platformName()) << "\n";
+    sink.report() << "Plinkora's \"Announcing: \" lines go to " << describe(target) << "; Qt " << qVersion() << ", "
+                  << qPrintable(QGuiApplication::platformName()) << "\n";
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
 

@@ -71,10 +71,10 @@ private:
 /// Where Plinkora's own diagnostic lines go while a benchmark runs.
 enum class DiagnosticsTarget
 {
-    Null, // /dev/null
-    File, // a temporary file
-    Pipe, // a pipe read by a thread of this process
-    Pty,  // a pseudo-terminal whose other end a thread of this process reads
+    Null,     // /dev/null
+    File,     // a temporary file
+    Pipe,     // a pipe read by a thread of this process
+    Pty,      // a pseudo-terminal whose other end a thread of this process reads
     SlowPipe, // a pipe whose reader takes 512 bytes a millisecond
 };
 

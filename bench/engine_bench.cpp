@@ -47,7 +47,8 @@ struct Engine
         auto recording = std::make_unique<RecordingBackend>(1 << 16);
         backend = recording.get();
         midi = std::make_unique<MIDIManager>(std::move(recording));
-        bender = std::make_unique<BenderController>(*midi, settings, std::make_unique<plinkora::testing::RecordingSoundPlayer>());
+        bender = std::make_unique<BenderController>(*midi, settings,
+                                                    std::make_unique<plinkora::testing::RecordingSoundPlayer>());
         bender->updateTimer.stop(); // the benchmark drives the ticks
         backend->clear();
     }

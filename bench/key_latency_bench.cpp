@@ -29,14 +29,14 @@
 #include "benders/sound_player.h"
 #include "common/settings_store.h"
 #include "diagnostics_sink.h"
-#include "support/fakes.h"
-#include "support/key_delivery.h"
 #include "input/key_map.h"
 #include "input/key_table.h"
 #include "input/keyboard_monitor.h"
-#include "midi/null_backend.h"
 #include "midi/midi_manager.h"
+#include "midi/null_backend.h"
 #include "properties/announcer.h"
+#include "support/fakes.h"
+#include "support/key_delivery.h"
 #include "ui/keyboard_view.h"
 #include "ui/main_window.h"
 
@@ -151,17 +151,37 @@ constexpr LinuxKey symbol(std::uint32_t evdev, int qtKey, const char* text)
 
 // The 25 note keys (home row, the row above, and the keys that extend it).
 const LinuxKey kNoteKeysLinux[] = {
-    letter(KEY_A, "a"), letter(KEY_W, "w"), letter(KEY_S, "s"), letter(KEY_E, "e"), letter(KEY_D, "d"),
-    letter(KEY_F, "f"), letter(KEY_T, "t"), letter(KEY_G, "g"), letter(KEY_Y, "y"), letter(KEY_H, "h"),
-    letter(KEY_U, "u"), letter(KEY_J, "j"), letter(KEY_K, "k"), letter(KEY_O, "o"), letter(KEY_L, "l"),
-    letter(KEY_P, "p"), symbol(KEY_SEMICOLON, Qt::Key_Semicolon, ";"), symbol(KEY_GRAVE, Qt::Key_QuoteLeft, "`"),
-    symbol(KEY_RIGHTBRACE, Qt::Key_BracketRight, "]"), symbol(KEY_APOSTROPHE, Qt::Key_Apostrophe, "'"),
-    letter(KEY_Q, "q"), letter(KEY_R, "r"), letter(KEY_I, "i"), symbol(KEY_LEFTBRACE, Qt::Key_BracketLeft, "["),
+    letter(KEY_A, "a"),
+    letter(KEY_W, "w"),
+    letter(KEY_S, "s"),
+    letter(KEY_E, "e"),
+    letter(KEY_D, "d"),
+    letter(KEY_F, "f"),
+    letter(KEY_T, "t"),
+    letter(KEY_G, "g"),
+    letter(KEY_Y, "y"),
+    letter(KEY_H, "h"),
+    letter(KEY_U, "u"),
+    letter(KEY_J, "j"),
+    letter(KEY_K, "k"),
+    letter(KEY_O, "o"),
+    letter(KEY_L, "l"),
+    letter(KEY_P, "p"),
+    symbol(KEY_SEMICOLON, Qt::Key_Semicolon, ";"),
+    symbol(KEY_GRAVE, Qt::Key_QuoteLeft, "`"),
+    symbol(KEY_RIGHTBRACE, Qt::Key_BracketRight, "]"),
+    symbol(KEY_APOSTROPHE, Qt::Key_Apostrophe, "'"),
+    letter(KEY_Q, "q"),
+    letter(KEY_R, "r"),
+    letter(KEY_I, "i"),
+    symbol(KEY_LEFTBRACE, Qt::Key_BracketLeft, "["),
     symbol(KEY_BACKSLASH, Qt::Key_Backslash, "\\"),
 };
 // Octaves 3 to 6 (the number row).
 const LinuxKey kOctaveKeysLinux[] = {
-    symbol(KEY_3, Qt::Key_3, "3"), symbol(KEY_4, Qt::Key_4, "4"), symbol(KEY_5, Qt::Key_5, "5"),
+    symbol(KEY_3, Qt::Key_3, "3"),
+    symbol(KEY_4, Qt::Key_4, "4"),
+    symbol(KEY_5, Qt::Key_5, "5"),
     symbol(KEY_6, Qt::Key_6, "6"),
 };
 // The velocity keys (the bottom letter row).
@@ -174,7 +194,9 @@ constexpr LinuxKey kLeftShift{KEY_LEFTSHIFT, Qt::Key_Shift, "", 0xffe1}; // XK_S
 /// Checks that the keys above are what the key map says they are.
 void checkKeys()
 {
-    auto position = [](const LinuxKey& key) { return positionCodeForKeyEvent(key.evdev + kLinuxScanCodeOffset, key.keysym); };
+    auto position = [](const LinuxKey& key) {
+        return positionCodeForKeyEvent(key.evdev + kLinuxScanCodeOffset, key.keysym);
+    };
     bool ok = true;
     for (const LinuxKey& key : kNoteKeysLinux)
         ok = ok && noteOffsetForKey(position(key)).has_value();
@@ -316,7 +338,8 @@ public:
     void play(const std::vector<Step>& steps, Samples* samples)
     {
         for (const Step& step : steps) {
-            const Qt::KeyboardModifiers modifiers = filter_.heldModifierFlags() & kShiftFlag ? Qt::ShiftModifier : Qt::NoModifier;
+            const Qt::KeyboardModifiers modifiers = filter_.heldModifierFlags() & kShiftFlag ? Qt::ShiftModifier
+                                                                                             : Qt::NoModifier;
             const std::uint32_t nativeModifiers = modifiers & Qt::ShiftModifier ? kX11ShiftMask : 0;
             const QString text = modifiers & Qt::ShiftModifier ? QString() : QString::fromLatin1(step.key->text);
             QKeyEvent event(step.press ? QEvent::KeyPress : QEvent::KeyRelease, step.key->qtKey, modifiers,
@@ -398,7 +421,9 @@ std::string loadAverage()
 
 int usage()
 {
-    std::fprintf(stderr, "Usage: key_latency_bench [--pairs N] [--warmup N] [--gap-us N] [--stdout null,file,pipe,pty,slowpipe]\n");
+    std::fprintf(
+        stderr,
+        "Usage: key_latency_bench [--pairs N] [--warmup N] [--gap-us N] [--stdout null,file,pipe,pty,slowpipe]\n");
     return 2;
 }
 
@@ -534,8 +559,8 @@ int main(int argc, char** argv)
         << "Real QApplication (" << qPrintable(QGuiApplication::platformName()) << "), AppDelegate, KeyEventFilter, "
         << "KeyboardMonitor, MIDIManager; QKeyEvents with Linux scan codes, spontaneous, to the main window; "
         << "pause between events: " << gapUs << " µs.\n"
-        << "Qt " << qVersion() << ", " << std::thread::hardware_concurrency() << " CPUs, load average "
-        << loadAverage() << " (1 and 5 min).\n";
+        << "Qt " << qVersion() << ", " << std::thread::hardware_concurrency() << " CPUs, load average " << loadAverage()
+        << " (1 and 5 min).\n";
     std::string met, missed;
     for (std::size_t t = 0; t < targets.size(); ++t) {
         const Samples& s = results[t];
@@ -553,7 +578,8 @@ int main(int argc, char** argv)
         out << "\nDiagnostic lines to " << describe(targets[t]) << ":\n"
             << "  " << std::left << std::setw(34) << "µs" << std::right << std::setw(7) << "events" << std::setw(9)
             << "median" << std::setw(9) << "p90" << std::setw(9) << "p99" << std::setw(9) << "p99.9" << std::setw(10)
-            << "max" << "\n";
+            << "max"
+            << "\n";
         printRow(out, "filter -> MIDI back end", total);
         printRow(out, "  note-on", figuresOf(s.filterToMIDI[0]));
         printRow(out, "  note-off", figuresOf(s.filterToMIDI[1]));

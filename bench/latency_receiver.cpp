@@ -192,7 +192,9 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "Usage: latency_receiver [--client NAME] [--connect SOURCE]...\n");
         return 1;
     }
-    struct sigaction action{};
+    struct sigaction action
+    {
+    };
     action.sa_handler = onSignal;
     sigemptyset(&action.sa_mask);
     sigaction(SIGTERM, &action, nullptr);

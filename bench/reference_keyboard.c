@@ -26,7 +26,10 @@
 #include <string.h>
 #include <unistd.h>
 
-enum { RING_SIZE = 256 }; /* a power of two */
+enum
+{
+    RING_SIZE = 256
+}; /* a power of two */
 
 static uint32_t g_ring[RING_SIZE];
 static _Atomic uint32_t g_head; /* written by the X thread */

@@ -132,7 +132,10 @@ struct XWatch
         return true;
     }
 
-    void syncWithServer() { std::free(xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr)); }
+    void syncWithServer()
+    {
+        std::free(xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr));
+    }
 
     std::string property(xcb_window_t window, xcb_atom_t name, xcb_atom_t type)
     {
@@ -331,7 +334,9 @@ int main(int argc, char** argv)
         return 0;
     }
 
-    struct sigaction action{};
+    struct sigaction action
+    {
+    };
     action.sa_handler = onSignal;
     sigemptyset(&action.sa_mask);
     sigaction(SIGTERM, &action, nullptr);

@@ -64,13 +64,15 @@ void BenderController::startUpdateTimer()
 
 void BenderController::armForNextTick()
 {
-    updateTimer.start(static_cast<int>(std::max<qint64>(0, (nextTickNs_ - clock_.nsecsElapsed() + 500'000) / 1'000'000)));
+    updateTimer.start(
+        static_cast<int>(std::max<qint64>(0, (nextTickNs_ - clock_.nsecsElapsed() + 500'000) / 1'000'000)));
 }
 
 bool BenderController::canMove() const
 {
     return upPressed || downPressed || leftPressed || rightPressed
-        || (pitchBendAutoRelease && pitchBend != pitchBendCenter) || (modulationAutoRelease && modulation > modulationMin);
+        || (pitchBendAutoRelease && pitchBend != pitchBendCenter)
+        || (modulationAutoRelease && modulation > modulationMin);
 }
 
 void BenderController::wake()

@@ -84,7 +84,9 @@ LineAfterwards::LineAfterwards(const char* format, ...)
     va_start(arguments, format);
     const int formatted = std::vsnprintf(heldLine.text.data(), heldLine.text.size() - 1, format, arguments);
     va_end(arguments);
-    const std::size_t length = formatted < 0 ? 0 : std::min<std::size_t>(static_cast<std::size_t>(formatted), heldLine.text.size() - 2);
+    const std::size_t length = formatted < 0
+        ? 0
+        : std::min<std::size_t>(static_cast<std::size_t>(formatted), heldLine.text.size() - 2);
     heldLine.text[length] = '\n';
     heldLine.length = length + 1;
     funlockfile(stdout);

@@ -44,9 +44,9 @@ QSettings* qsettings = nullptr; // in memory for the whole run: the store's writ
 
 // The keys the key handler acts on, and a few it passes on, to pick from most of the time.
 constexpr std::array<KeyCode, 57> kInterestingKeys{
-    0,   13,  1,   14,  2,   3,   17,  5,   16,  4,   32,  38,  40,  31,  37,  35,  41,  50,  30,
-    39,  12,  15,  34,  33,  42,  6,   7,   8,   9,   11,  45,  46,  43,  18,  19,  20,  21,  23,
-    22,  26,  28,  25,  29,  122, 120, 99,  118, 123, 124, 125, 126, 47,  44,  48,  115, 116, 36,
+    0,  13, 1,  14, 2,  3,   17,  5,  16,  4,   32,  38,  40,  31, 37, 35, 41,  50,  30,
+    39, 12, 15, 34, 33, 42,  6,   7,  8,   9,   11,  45,  46,  43, 18, 19, 20,  21,  23,
+    22, 26, 28, 25, 29, 122, 120, 99, 118, 123, 124, 125, 126, 47, 44, 48, 115, 116, 36,
 };
 
 /// Checks every message recorded from `from` on and follows the notes they leave sounding.
@@ -203,7 +203,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             else
                 monitor.focusRegained();
         } else if (op < 250) {
-            monitor.monitorCallback(KeyEvent{input.ConsumeBool() ? kEventKeyDown : kEventKeyUp, kKeyEscape, flagsFrom(input)});
+            monitor.monitorCallback(
+                KeyEvent{input.ConsumeBool() ? kEventKeyDown : kEventKeyUp, kKeyEscape, flagsFrom(input)});
             monitor.allNotesOff();
         } else {
             QCoreApplication::processEvents(); // the announcements queued by the property keys

@@ -124,7 +124,7 @@ void typeIntoFields(FuzzedDataProvider& input, SettingsStore& settings, QSetting
             // A slider stores a speed: any double at all here.
             const double speed = input.ConsumeFloatingPoint<double>();
             const QString key = QString::fromLatin1(what & 1u ? BenderController::kPitchBendSpeedKey
-                                                               : BenderController::kModulationSpeedKey);
+                                                              : BenderController::kModulationSpeedKey);
             settings.setDouble(speed, key);
             if (std::isfinite(speed) && settings.doubleForKey(key) != speed)
                 fail("a stored speed did not read back", key);

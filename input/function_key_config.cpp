@@ -37,7 +37,8 @@ std::uint8_t FunctionKeyConfig::controllerNumber(const SettingsStore& settings, 
 std::optional<QString> FunctionKeyConfig::storeTypedText(SettingsStore& settings, int index, const QString& text) const
 {
     const QByteArray utf8 = text.toUtf8();
-    const std::optional<std::uint8_t> value = parseUInt8(std::string_view(utf8.constData(), static_cast<std::size_t>(utf8.size())));
+    const std::optional<std::uint8_t> value =
+        parseUInt8(std::string_view(utf8.constData(), static_cast<std::size_t>(utf8.size())));
     if (value && *value <= kMIDIDataMax) {
         settings.setInteger(*value, key(index));
         return std::nullopt;

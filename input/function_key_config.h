@@ -18,7 +18,6 @@ class SettingsStore;
 class FunctionKeyConfig
 {
 public:
-
     const char* const f1CCKey = "PLK_F1_CC";
     const char* const f2CCKey = "PLK_F2_CC";
     const char* const f3CCKey = "PLK_F3_CC";

@@ -17,8 +17,8 @@
 
 namespace plinkora {
 
-KeyboardMonitor::KeyboardMonitor(MIDIManager& manager, SettingsStore& settings, std::unique_ptr<SoundPlayer> soundPlayer,
-                                 std::unique_ptr<Announcer> speechSynthesizer)
+KeyboardMonitor::KeyboardMonitor(MIDIManager& manager, SettingsStore& settings,
+                                 std::unique_ptr<SoundPlayer> soundPlayer, std::unique_ptr<Announcer> speechSynthesizer)
     : midiManager(manager)
     , settings_(settings)
 {
@@ -231,8 +231,8 @@ void KeyboardMonitor::releaseHeldKeys()
     }
     for (std::size_t index = 0; index < functionKeyCodes.size(); ++index) {
         if (heldKeys.test(functionKeyCodes[index]))
-            midiManager.sendControlChange(
-                kFunctionKeyConfig.controllerNumber(settings_, static_cast<int>(index)), 0, channel);
+            midiManager.sendControlChange(kFunctionKeyConfig.controllerNumber(settings_, static_cast<int>(index)), 0,
+                                          channel);
     }
     benderController->upPressed = false;
     benderController->downPressed = false;

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <thread>
 
-struct _snd_seq;     // snd_seq_t
+struct _snd_seq;      // snd_seq_t
 struct snd_seq_event; // snd_seq_event_t
 
 namespace plinkora {

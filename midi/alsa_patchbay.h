@@ -54,8 +54,8 @@ private:
     std::string sourceClient_;
     std::string sourcePort_;
     std::unique_ptr<AlsaAnnouncements> client_; // null without a sequencer
-    std::atomic<bool> lost_{false};              // the sequencer failed under client_
-    bool wasLost_ = false;                       // a client was lost and none opened since
+    std::atomic<bool> lost_{false};             // the sequencer failed under client_
+    bool wasLost_ = false;                      // a client was lost and none opened since
     std::mutex changedMutex_;
     std::function<void()> changed_; // under changedMutex_
 };

@@ -96,10 +96,13 @@ void ConnectionKeeper::scheduleRefresh()
 {
     if (refreshScheduled_.exchange(true))
         return;
-    QMetaObject::invokeMethod(this, [this] {
-        refreshScheduled_ = false;
-        refresh();
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            refreshScheduled_ = false;
+            refresh();
+        },
+        Qt::QueuedConnection);
 }
 
 void ConnectionKeeper::refresh()

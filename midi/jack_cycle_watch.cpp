@@ -26,9 +26,7 @@ std::unique_ptr<JackCycleWatch> JackCycleWatch::open(const std::string& name, MI
     }
     jack_on_info_shutdown(
         client,
-        [](jack_status_t code, const char* reason, void* self) {
-            onShutdown(static_cast<int>(code), reason, self);
-        },
+        [](jack_status_t code, const char* reason, void* self) { onShutdown(static_cast<int>(code), reason, self); },
         watch.get());
     status = kStatusOk;
     return watch;

@@ -72,7 +72,8 @@ bool JackPatchbay::ensureClient()
     jack_set_port_connect_callback(client, &JackPatchbay::onPortConnect, this);
     jack_set_port_rename_callback(client, &JackPatchbay::onPortRename, this);
     jack_on_info_shutdown(
-        client, [](jack_status_t code, const char* reason, void* self) { onShutdown(static_cast<int>(code), reason, self); },
+        client,
+        [](jack_status_t code, const char* reason, void* self) { onShutdown(static_cast<int>(code), reason, self); },
         this);
     // Only an active client hears of changes; without a process callback it takes no part in
     // the cycles.
@@ -138,7 +139,8 @@ MIDIDestination JackPatchbay::destinationOf(const char* fullName) const
     const std::string name = fullName;
     if (const jack_port_t* port = jack_port_by_name(client_, fullName)) {
         const std::string shortName = jack_port_short_name(port);
-        if (name.size() > shortName.size() && name.compare(name.size() - shortName.size(), shortName.size(), shortName) == 0)
+        if (name.size() > shortName.size()
+            && name.compare(name.size() - shortName.size(), shortName.size(), shortName) == 0)
             return {name.substr(0, name.size() - shortName.size() - 1), shortName};
     }
     const std::size_t colon = name.find(':');

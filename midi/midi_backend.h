@@ -28,7 +28,8 @@ public:
 
     /// Publishes a virtual source `name` of `client` that other programs can read from.
     /// Returns 0 and sets `source`, or a negative status.
-    [[nodiscard]] virtual MIDIStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) = 0;
+    [[nodiscard]] virtual MIDIStatus createSource(std::uint32_t client, std::string_view name,
+                                                  std::uint32_t& source) = 0;
 
     /// Hands one message to every reader of `source`, at once. Must not allocate.
     [[nodiscard]] virtual MIDIStatus send(std::uint32_t source, MIDIBytes message) = 0;

@@ -9,8 +9,7 @@ namespace plinkora {
 /// A MIDI back end's answer. It cannot be dropped by accident: a caller that has nothing to do
 /// with a failure says so with a cast to void and the reason beside it. It converts to its
 /// number for printing and for `if (status)` (non-zero: a failure).
-enum [[nodiscard]] MIDIStatus : std::int32_t
-{
+enum [[nodiscard]] MIDIStatus : std::int32_t{
     kStatusOk = 0,
     /// The requested MIDI system is not compiled into this build, or its name is unknown.
     kStatusApiUnavailable = -1,

@@ -26,8 +26,8 @@ public:
     struct Call
     {
         Op op;
-        std::uint32_t reference = 0; // client for CreateSource/DisposeClient, source otherwise
-        std::size_t length = 0;      // the number of bytes of a Send
+        std::uint32_t reference = 0;         // client for CreateSource/DisposeClient, source otherwise
+        std::size_t length = 0;              // the number of bytes of a Send
         std::array<std::uint8_t, 3> bytes{}; // a Send's first three bytes
     };
 

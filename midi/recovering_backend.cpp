@@ -116,7 +116,8 @@ void RecoveringBackend::watch(std::function<void(std::string_view)> announce)
         [this] {
             // Called on any thread; the work is done on the main thread.
             patchbay_->setChangeCallback([this] {
-                QMetaObject::invokeMethod(&context_, [this] { connectionsChanged(); }, Qt::QueuedConnection);
+                QMetaObject::invokeMethod(
+                    &context_, [this] { connectionsChanged(); }, Qt::QueuedConnection);
             });
             connectionsChanged();
         },
@@ -126,7 +127,8 @@ void RecoveringBackend::watch(std::function<void(std::string_view)> announce)
 void RecoveringBackend::serviceLostNotice()
 {
     lost_.store(true, std::memory_order_release);
-    QMetaObject::invokeMethod(&context_, [this] { handleLoss(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        &context_, [this] { handleLoss(); }, Qt::QueuedConnection);
 }
 
 void RecoveringBackend::handleLoss()

@@ -72,7 +72,11 @@ private:
     class ForwardingPatchbay final : public MIDIPatchbay
     {
     public:
-        explicit ForwardingPatchbay(RecoveringBackend& owner) : owner_(owner) { owner_.views_.push_back(this); }
+        explicit ForwardingPatchbay(RecoveringBackend& owner)
+            : owner_(owner)
+        {
+            owner_.views_.push_back(this);
+        }
         ~ForwardingPatchbay() override { std::erase(owner_.views_, this); }
         ForwardingPatchbay(const ForwardingPatchbay&) = delete;
         ForwardingPatchbay& operator=(const ForwardingPatchbay&) = delete;
@@ -124,7 +128,7 @@ private:
     bool lossHandled_ = false;
     std::vector<MIDIDestination> remembered_;
     std::vector<MIDIDestination> pending_; // remembered, not there yet when PLK came back
-    QObject context_; // queued calls from the service's threads die with it
+    QObject context_;                      // queued calls from the service's threads die with it
     QTimer retryTimer_;
 };
 

@@ -12,9 +12,9 @@
 #endif
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <chrono>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -116,8 +116,8 @@ void watchAlsaClient(RtMidiBackend::State& s, std::string_view name)
     listener.lost = [&s] { s.serviceLost(); };
     s.alsaWatch = AlsaAnnouncements::open(std::string(name).append(kAlsaWatchSuffix), std::move(listener));
     if (s.alsaWatch)
-        s.alsaClient = s.alsaWatch->withSequencer(
-            [&](snd_seq_t* seq) { return AlsaAnnouncements::findClient(seq, name); });
+        s.alsaClient =
+            s.alsaWatch->withSequencer([&](snd_seq_t* seq) { return AlsaAnnouncements::findClient(seq, name); });
 }
 } // namespace
 #endif

@@ -54,8 +54,7 @@ void installFactoryOnce()
 
 bool switchOnAccessibilityBridge()
 {
-    if (qEnvironmentVariableIsSet("QT_LINUX_ACCESSIBILITY_ALWAYS_ON")
-        || qEnvironmentVariableIsSet("QT_ACCESSIBILITY"))
+    if (qEnvironmentVariableIsSet("QT_LINUX_ACCESSIBILITY_ALWAYS_ON") || qEnvironmentVariableIsSet("QT_ACCESSIBILITY"))
         return false;
     return qputenv("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
 }

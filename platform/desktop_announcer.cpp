@@ -4,8 +4,7 @@
 
 namespace plinkora {
 
-DesktopAnnouncer::DesktopAnnouncer(const ScreenReaderDetector& screenReader, Voice& voice,
-                                   AnnouncementLabel* label)
+DesktopAnnouncer::DesktopAnnouncer(const ScreenReaderDetector& screenReader, Voice& voice, AnnouncementLabel* label)
     : screenReader_(screenReader)
     , voice_(voice)
     , label_(label)

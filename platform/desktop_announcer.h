@@ -21,8 +21,7 @@ namespace plinkora {
 class DesktopAnnouncer final : public Announcer
 {
 public:
-    DesktopAnnouncer(const ScreenReaderDetector& screenReader, Voice& voice,
-                     AnnouncementLabel* label = nullptr);
+    DesktopAnnouncer(const ScreenReaderDetector& screenReader, Voice& voice, AnnouncementLabel* label = nullptr);
 
     DesktopAnnouncer(const DesktopAnnouncer&) = delete;
     DesktopAnnouncer& operator=(const DesktopAnnouncer&) = delete;

@@ -39,8 +39,7 @@ int nextConnectionNumber()
     return ++number;
 }
 
-QDBusMessage methodCall(const QString& service, const QString& path, const QString& interface,
-                        const QString& method)
+QDBusMessage methodCall(const QString& service, const QString& path, const QString& interface, const QString& method)
 {
     QDBusMessage message = QDBusMessage::createMethodCall(service, path, interface, method);
     // Looking must not start services: the accessibility bus is started by the desktop (or by
@@ -59,16 +58,14 @@ ScreenReaderMonitor::ScreenReaderMonitor(QObject* parent)
 ScreenReaderMonitor::ScreenReaderMonitor(QDBusConnection sessionBus, QObject* parent)
     : QObject(parent)
     , sessionBus_(std::move(sessionBus))
-    , accessibilityConnectionName_(
-          QStringLiteral("plinkora-screen-reader-monitor-%1").arg(nextConnectionNumber()))
+    , accessibilityConnectionName_(QStringLiteral("plinkora-screen-reader-monitor-%1").arg(nextConnectionNumber()))
 {
     if (sessionBus_.isConnected()) {
-        accessibilityServiceWatcher_ = new QDBusServiceWatcher(
-            kBusService, sessionBus_, QDBusServiceWatcher::WatchForOwnerChange, this);
+        accessibilityServiceWatcher_ = new QDBusServiceWatcher(kBusService, sessionBus_,
+                                                               QDBusServiceWatcher::WatchForOwnerChange, this);
         connect(accessibilityServiceWatcher_, &QDBusServiceWatcher::serviceOwnerChanged, this,
                 &ScreenReaderMonitor::onAccessibilityBusOwnerChanged);
-        sessionBus_.connect(kBusService, kBusPath, kPropertiesInterface,
-                            QStringLiteral("PropertiesChanged"), this,
+        sessionBus_.connect(kBusService, kBusPath, kPropertiesInterface, QStringLiteral("PropertiesChanged"), this,
                             SLOT(onStatusPropertiesChanged(QString, QVariantMap, QStringList)));
     }
     // The first answers arrive through the event loop; until then nothing is known to run.
@@ -78,8 +75,7 @@ ScreenReaderMonitor::ScreenReaderMonitor(QDBusConnection sessionBus, QObject* pa
 ScreenReaderMonitor::~ScreenReaderMonitor()
 {
     if (sessionBus_.isConnected()) {
-        sessionBus_.disconnect(kBusService, kBusPath, kPropertiesInterface,
-                               QStringLiteral("PropertiesChanged"), this,
+        sessionBus_.disconnect(kBusService, kBusPath, kPropertiesInterface, QStringLiteral("PropertiesChanged"), this,
                                SLOT(onStatusPropertiesChanged(QString, QVariantMap, QStringList)));
     }
     dropAccessibilityBus();
@@ -131,8 +127,7 @@ void ScreenReaderMonitor::callFinished()
 
 void ScreenReaderMonitor::watch(QDBusPendingCallWatcher* watcher)
 {
-    connect(watcher, &QDBusPendingCallWatcher::finished, watcher,
-            &QDBusPendingCallWatcher::deleteLater);
+    connect(watcher, &QDBusPendingCallWatcher::finished, watcher, &QDBusPendingCallWatcher::deleteLater);
 }
 
 void ScreenReaderMonitor::askSwitch()
@@ -185,12 +180,10 @@ void ScreenReaderMonitor::useAccessibilityBus(const QString& address)
         }
         accessibilityBus_ = bus;
         accessibilityBusAddress_ = address;
-        bus.connect(kRegistryService, kRegistryPath, kRegistryInterface,
-                    QStringLiteral("EventListenerRegistered"), this,
-                    SLOT(onListenerRegistered(QString, QString)));
-        bus.connect(kRegistryService, kRegistryPath, kRegistryInterface,
-                    QStringLiteral("EventListenerDeregistered"), this,
-                    SLOT(onListenerDeregistered(QString, QString)));
+        bus.connect(kRegistryService, kRegistryPath, kRegistryInterface, QStringLiteral("EventListenerRegistered"),
+                    this, SLOT(onListenerRegistered(QString, QString)));
+        bus.connect(kRegistryService, kRegistryPath, kRegistryInterface, QStringLiteral("EventListenerDeregistered"),
+                    this, SLOT(onListenerDeregistered(QString, QString)));
         bus.connect(kDBusService, kDBusPath, kDBusInterface, QStringLiteral("NameOwnerChanged"), this,
                     SLOT(onAccessibilityNameOwnerChanged(QString, QString, QString)));
     }
@@ -204,12 +197,10 @@ void ScreenReaderMonitor::dropAccessibilityBus()
     if (!accessibilityBus_)
         return;
     QDBusConnection& bus = *accessibilityBus_;
-    bus.disconnect(kRegistryService, kRegistryPath, kRegistryInterface,
-                   QStringLiteral("EventListenerRegistered"), this,
+    bus.disconnect(kRegistryService, kRegistryPath, kRegistryInterface, QStringLiteral("EventListenerRegistered"), this,
                    SLOT(onListenerRegistered(QString, QString)));
-    bus.disconnect(kRegistryService, kRegistryPath, kRegistryInterface,
-                   QStringLiteral("EventListenerDeregistered"), this,
-                   SLOT(onListenerDeregistered(QString, QString)));
+    bus.disconnect(kRegistryService, kRegistryPath, kRegistryInterface, QStringLiteral("EventListenerDeregistered"),
+                   this, SLOT(onListenerDeregistered(QString, QString)));
     bus.disconnect(kDBusService, kDBusPath, kDBusInterface, QStringLiteral("NameOwnerChanged"), this,
                    SLOT(onAccessibilityNameOwnerChanged(QString, QString, QString)));
     accessibilityBus_.reset();
@@ -223,8 +214,7 @@ void ScreenReaderMonitor::askRegisteredListeners()
         return;
     QDBusMessage message = methodCall(kRegistryService, kRegistryPath, kRegistryInterface,
                                       QStringLiteral("GetRegisteredEvents"));
-    auto* watcher =
-        new QDBusPendingCallWatcher(accessibilityBus_->asyncCall(message, kCallTimeoutMs), this);
+    auto* watcher = new QDBusPendingCallWatcher(accessibilityBus_->asyncCall(message, kCallTimeoutMs), this);
     watch(watcher);
     callStarted();
     connect(watcher, &QDBusPendingCallWatcher::finished, this,
@@ -271,8 +261,7 @@ void ScreenReaderMonitor::checkListener(const QString& busName)
     QDBusMessage message = methodCall(kDBusService, kDBusPath, kDBusInterface,
                                       QStringLiteral("GetConnectionUnixProcessID"));
     message << busName;
-    auto* watcher =
-        new QDBusPendingCallWatcher(accessibilityBus_->asyncCall(message, kCallTimeoutMs), this);
+    auto* watcher = new QDBusPendingCallWatcher(accessibilityBus_->asyncCall(message, kCallTimeoutMs), this);
     watch(watcher);
     callStarted();
     connect(watcher, &QDBusPendingCallWatcher::finished, this,
@@ -297,8 +286,7 @@ void ScreenReaderMonitor::forgetListener(const QString& busName)
     orcaNames_.remove(busName);
 }
 
-void ScreenReaderMonitor::onStatusPropertiesChanged(const QString& interfaceName,
-                                                    const QVariantMap& changed,
+void ScreenReaderMonitor::onStatusPropertiesChanged(const QString& interfaceName, const QVariantMap& changed,
                                                     const QStringList& invalidated)
 {
     if (interfaceName != kStatusInterface)

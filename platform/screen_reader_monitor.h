@@ -78,8 +78,7 @@ private slots:
                                    const QStringList& invalidated);
     void onListenerRegistered(const QString& busName, const QString& event);
     void onListenerDeregistered(const QString& busName, const QString& event);
-    void onAccessibilityNameOwnerChanged(const QString& name, const QString& oldOwner,
-                                         const QString& newOwner);
+    void onAccessibilityNameOwnerChanged(const QString& name, const QString& oldOwner, const QString& newOwner);
     void onAccessibilityBusOwnerChanged();
 
 private:

@@ -16,10 +16,10 @@
 #include <optional>
 #include <thread>
 
+#include <csignal>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
-#include <csignal>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -109,8 +109,7 @@ std::array<std::weak_ptr<SpeechDispatcherVoice::Shared>, kEventSlots>& eventSlot
     return table;
 }
 
-template<int Slot>
-void onSpeechEvent(std::size_t messageId, std::size_t clientId, SPDNotificationType type)
+template <int Slot> void onSpeechEvent(std::size_t messageId, std::size_t clientId, SPDNotificationType type)
 {
     (void)clientId;
     if (type != SPD_EVENT_END && type != SPD_EVENT_CANCEL)
@@ -124,7 +123,7 @@ void onSpeechEvent(std::size_t messageId, std::size_t clientId, SPDNotificationT
         shared->messageFinished(messageId);
 }
 
-template<int... Slots>
+template <int... Slots>
 constexpr std::array<SPDCallback, sizeof...(Slots)> makeCallbacks(std::integer_sequence<int, Slots...>)
 {
     return {&onSpeechEvent<Slots>...};
@@ -222,9 +221,8 @@ SPDConnectionAddress* parseAddress(const std::string& text)
         const auto portColon = rest.rfind(':');
         const std::string host = rest.substr(0, portColon);
         address->inet_socket_host = strdup(host.empty() ? "127.0.0.1" : host.c_str());
-        address->inet_socket_port = portColon == std::string::npos
-            ? SPEECHD_DEFAULT_PORT
-            : std::atoi(rest.c_str() + portColon + 1);
+        address->inet_socket_port = portColon == std::string::npos ? SPEECHD_DEFAULT_PORT
+                                                                   : std::atoi(rest.c_str() + portColon + 1);
     } else {
         address->method = SPD_METHOD_UNIX_SOCKET;
         address->unix_socket_name = strdup(rest.c_str());
@@ -266,16 +264,14 @@ bool openConnection(const std::shared_ptr<SpeechDispatcherVoice::Shared>& shared
     char* error = nullptr;
     SPDConnectionAddress* address = parseAddress(s.options.address);
     // May start the service and wait for it: this is why it runs here, on the worker.
-    SPDConnection* connection = spd_open2(s.options.clientName.c_str(), "main", nullptr,
-                                          SPD_MODE_THREADED, address, s.options.autospawn ? 1 : 0,
-                                          &error);
+    SPDConnection* connection = spd_open2(s.options.clientName.c_str(), "main", nullptr, SPD_MODE_THREADED, address,
+                                          s.options.autospawn ? 1 : 0, &error);
     SPDConnectionAddress__free(address);
     if (connection == nullptr) {
         const std::string reason = error != nullptr ? error : "cannot connect to speech-dispatcher";
         std::free(error);
         reportUnavailable(s, reason);
-        s.pause = s.pause.count() == 0 ? s.options.firstRetryPause
-                                       : std::min(s.pause * 2, s.options.longestRetryPause);
+        s.pause = s.pause.count() == 0 ? s.options.firstRetryPause : std::min(s.pause * 2, s.options.longestRetryPause);
         s.nextAttempt = Clock::now() + s.pause;
         return false;
     }
@@ -294,8 +290,7 @@ bool openConnection(const std::shared_ptr<SpeechDispatcherVoice::Shared>& shared
             spd_set_notification_on(connection, SPD_END);
             spd_set_notification_on(connection, SPD_CANCEL);
         }
-        ok = spd_set_language(connection, language.c_str()) == 0
-            && spd_set_volume(connection, 100) == 0;
+        ok = spd_set_language(connection, language.c_str()) == 0 && spd_set_volume(connection, 100) == 0;
     }
     if (!ok) {
         closeConnection(s, "speech-dispatcher refused the voice settings");

@@ -57,8 +57,7 @@ std::optional<WavSound> parseWav(const QByteArray& bytes, QString& error)
             if (format == kFormatFloat) {
                 sound.floatingPoint = true;
             } else if (format != kFormatPcm) {
-                error = QStringLiteral("a compressed WAV file (format %1), which cannot be played")
-                            .arg(format);
+                error = QStringLiteral("a compressed WAV file (format %1), which cannot be played").arg(format);
                 return std::nullopt;
             }
             haveFormat = true;
@@ -76,8 +75,7 @@ std::optional<WavSound> parseWav(const QByteArray& bytes, QString& error)
     const bool bitsOk = sound.floatingPoint
         ? sound.bitsPerSample == 32
         : (sound.bitsPerSample == 8 || sound.bitsPerSample == 16 || sound.bitsPerSample == 32);
-    if (!bitsOk || sound.channels < 1 || sound.channels > 8 || sound.sampleRate < 1000
-        || sound.sampleRate > 384000) {
+    if (!bitsOk || sound.channels < 1 || sound.channels > 8 || sound.sampleRate < 1000 || sound.sampleRate > 384000) {
         error = QStringLiteral("a WAV file in a format that cannot be played (%1 channels, %2 Hz, %3-bit%4)")
                     .arg(sound.channels)
                     .arg(sound.sampleRate)

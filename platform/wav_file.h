@@ -18,10 +18,7 @@ struct WavSound
 
     int bytesPerFrame() const { return channels * bitsPerSample / 8; }
     qint64 frameCount() const { return bytesPerFrame() > 0 ? samples.size() / bytesPerFrame() : 0; }
-    double durationSeconds() const
-    {
-        return sampleRate > 0 ? static_cast<double>(frameCount()) / sampleRate : 0.0;
-    }
+    double durationSeconds() const { return sampleRate > 0 ? static_cast<double>(frameCount()) / sampleRate : 0.0; }
 };
 
 /// Reads an uncompressed WAV (RIFF WAVE: PCM 8, 16 or 32 bit, or 32-bit float; also in the

@@ -30,9 +30,8 @@ enum class MIDIPropertyType : std::uint8_t
 class MIDIProperty
 {
 public:
-    MIDIProperty(QString name, MIDIPropertyType type, std::int64_t value, std::int64_t minValue,
-                 std::int64_t maxValue, std::int64_t smallStep, std::int64_t largeStep,
-                 std::optional<std::uint8_t> ccNumber);
+    MIDIProperty(QString name, MIDIPropertyType type, std::int64_t value, std::int64_t minValue, std::int64_t maxValue,
+                 std::int64_t smallStep, std::int64_t largeStep, std::optional<std::uint8_t> ccNumber);
 
     /// "Channel: 1" (shown 1 to 16), "Transpose: +6" / "Transpose: -12", "Pan: 64".
     QString displayText() const;

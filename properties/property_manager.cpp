@@ -110,9 +110,9 @@ void PropertyManager::announceCurrentProperty()
     const MIDIProperty* property = selected();
     if (!property)
         return;
-    announce(UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "%1, %2 of %3"),
-                                    {property->text(), QString::number(currentIndex + 1),
-                                     QString::number(properties.size())}));
+    announce(UserText::announcement(
+        QT_TRANSLATE_NOOP("Announcement", "%1, %2 of %3"),
+        {property->text(), QString::number(currentIndex + 1), QString::number(properties.size())}));
 }
 
 void PropertyManager::announceValue()
@@ -122,11 +122,10 @@ void PropertyManager::announceValue()
         return;
     switch (property->type) {
     case MIDIPropertyType::transpose:
-        announce(property->value < 0
-                     ? UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "minus %1"),
-                                              {QString::number(-property->value)})
-                     : UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "plus %1"),
-                                              {QString::number(property->value)}));
+        announce(property->value < 0 ? UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "minus %1"),
+                                                              {QString::number(-property->value)})
+                                     : UserText::announcement(QT_TRANSLATE_NOOP("Announcement", "plus %1"),
+                                                              {QString::number(property->value)}));
         break;
     case MIDIPropertyType::channel:
         announce(QString::number(property->value + 1));

@@ -46,8 +46,8 @@ SynthMode initialMode(const SettingsStore& settings, const std::optional<SynthMo
         return SynthMode::Auto;
     if (const std::optional<SynthMode> mode = parseSynthMode(stored.toStdString()))
         return *mode;
-    printLine("Ignoring the setting \"" + std::string(BuiltInSynth::kModeKey) + "\" in " + settings.fileName().toStdString()
-              + ": \"" + stored.toStdString() + "\" is not auto, on or off");
+    printLine("Ignoring the setting \"" + std::string(BuiltInSynth::kModeKey) + "\" in "
+              + settings.fileName().toStdString() + ": \"" + stored.toStdString() + "\" is not auto, on or off");
     return SynthMode::Auto;
 }
 } // namespace

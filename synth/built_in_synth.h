@@ -32,8 +32,8 @@ public:
 
     struct Options
     {
-        std::optional<SynthMode> mode;        // --synth: for this run, not remembered
-        std::optional<std::string> soundFont; // --soundfont: remembered
+        std::optional<SynthMode> mode;          // --synth: for this run, not remembered
+        std::optional<std::string> soundFont;   // --soundfont: remembered
         std::optional<std::string> audioDriver; // --audio-driver: remembered
         FluidEngine::Options engine;
     };

@@ -224,7 +224,8 @@ void FluidEngine::startWorker(std::function<void(Outcome&)> job)
     worker_ = std::thread([this, job = std::move(job)] {
         auto outcome = std::make_shared<Outcome>();
         job(*outcome);
-        QMetaObject::invokeMethod(&context_, [this, outcome] { finish(outcome); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            &context_, [this, outcome] { finish(outcome); }, Qt::QueuedConnection);
     });
 }
 
@@ -277,10 +278,9 @@ std::vector<std::string> FluidEngine::availableDrivers()
 {
     std::vector<std::string> names;
     fluid_settings_t* settings = new_fluid_settings();
-    fluid_settings_foreach_option(settings, "audio.driver", &names,
-                                  [](void* data, const char*, const char* option) {
-                                      static_cast<std::vector<std::string>*>(data)->emplace_back(option);
-                                  });
+    fluid_settings_foreach_option(settings, "audio.driver", &names, [](void* data, const char*, const char* option) {
+        static_cast<std::vector<std::string>*>(data)->emplace_back(option);
+    });
     delete_fluid_settings(settings);
     return names;
 }
@@ -420,7 +420,8 @@ void FluidEngine::idleCheck()
     bool held = false;
     for (const std::uint16_t count : heldNotes_)
         held = held || count > 0;
-    const auto quiet = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - lastSound_);
+    const auto quiet =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - lastSound_);
     if (quiet < options_.idleTime) {
         idleTimer_.start(options_.idleTime - quiet);
         return;
@@ -460,7 +461,8 @@ void FluidEngine::noteOff(int channel, int key)
 {
     if (!instance_)
         return;
-    if (fluid_synth_noteoff(instance_->synth, channel, key) == FLUID_OK && heldNotes_[static_cast<std::size_t>(channel)] > 0)
+    if (fluid_synth_noteoff(instance_->synth, channel, key) == FLUID_OK
+        && heldNotes_[static_cast<std::size_t>(channel)] > 0)
         --heldNotes_[static_cast<std::size_t>(channel)];
     if (!suspended_ && instance_->driver)
         touch();
@@ -468,7 +470,8 @@ void FluidEngine::noteOff(int channel, int key)
 
 void FluidEngine::controlChange(int channel, int controller, int value)
 {
-    controllers_[static_cast<std::size_t>(channel)][static_cast<std::size_t>(controller)] = static_cast<std::int16_t>(value);
+    controllers_[static_cast<std::size_t>(channel)][static_cast<std::size_t>(controller)] =
+        static_cast<std::int16_t>(value);
     if (instance_)
         fluid_synth_cc(instance_->synth, channel, controller, value);
     if (controller == 120 || controller == 123) // all sound off, all notes off

@@ -44,7 +44,8 @@ void SynthPolicy::setPatchbay(MIDIPatchbay* patchbay)
     if (patchbay_) {
         // The patchbay may call from its service's thread: the count is taken on this one.
         patchbay_->setChangeCallback([this] {
-            QMetaObject::invokeMethod(&context_, [this] { recount(); }, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(
+                &context_, [this] { recount(); }, Qt::QueuedConnection);
         });
     }
     recount();

@@ -183,7 +183,9 @@ int main(int argc, char** argv)
     g.quietLimit = jack_get_sample_rate(g.client) / 10;
     jack_set_process_callback(g.client, process, nullptr);
     jack_set_port_registration_callback(g.client, portRegistered, nullptr);
-    struct sigaction action{};
+    struct sigaction action
+    {
+    };
     action.sa_handler = onSignal;
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGINT, &action, nullptr);

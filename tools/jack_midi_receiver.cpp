@@ -55,8 +55,8 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -93,7 +93,7 @@ struct Shared
     std::atomic<std::uint64_t> xruns{0};
     // With --times: when the xruns were heard (written by JACK's notification thread) and the
     // cycles this client missed (by the process callback), for the main thread to print.
-    jack_ringbuffer_t* xrunTimes = nullptr;  // int64 times
+    jack_ringbuffer_t* xrunTimes = nullptr;    // int64 times
     jack_ringbuffer_t* missedCycles = nullptr; // [int64 time][uint32 frames]
 };
 
@@ -121,8 +121,9 @@ std::int64_t cycleStart(jack_nframes_t frames)
 {
     const jack_nframes_t start = jack_last_frame_time(g_shared.client);
     const std::int64_t now = monotonicMicroseconds();
-    const std::int64_t startTime = now - static_cast<std::int64_t>(jack_frames_since_cycle_start(g_shared.client))
-                                             * 1'000'000 / jack_get_sample_rate(g_shared.client);
+    const std::int64_t startTime = now
+        - static_cast<std::int64_t>(jack_frames_since_cycle_start(g_shared.client)) * 1'000'000
+            / jack_get_sample_rate(g_shared.client);
     // The frame counter wraps; a step shorter than a period (JACK moving its clock) is no gap.
     const auto step = static_cast<std::int32_t>(start - g_shared.lastCycleStart);
     if (g_shared.cycleSeen && step > static_cast<std::int32_t>(frames)) {
@@ -245,7 +246,8 @@ void drainEvents()
     while (g_shared.times && jack_ringbuffer_read_space(g_shared.missedCycles) >= sizeof time + sizeof gap) {
         jack_ringbuffer_read(g_shared.missedCycles, reinterpret_cast<char*>(&time), sizeof time);
         jack_ringbuffer_read(g_shared.missedCycles, reinterpret_cast<char*>(&gap), sizeof gap);
-        std::fprintf(stderr, "jack_midi_receiver: cycle missed at %lld (%u frames)\n", static_cast<long long>(time), gap);
+        std::fprintf(stderr, "jack_midi_receiver: cycle missed at %lld (%u frames)\n", static_cast<long long>(time),
+                     gap);
     }
     if (const std::uint64_t lost = g_shared.dropped.exchange(0))
         std::fprintf(stderr, "jack_midi_receiver: %llu events lost (ring buffer full)\n",
@@ -334,7 +336,9 @@ int main(int argc, char** argv)
     }
 
     setenv("JACK_NO_START_SERVER", "1", 1);
-    struct sigaction action{};
+    struct sigaction action
+    {
+    };
     action.sa_handler = onSignal;
     sigemptyset(&action.sa_mask);
     sigaction(SIGTERM, &action, nullptr);
@@ -355,8 +359,9 @@ int main(int argc, char** argv)
 
     jack_status_t status{};
     const auto options = static_cast<jack_options_t>(JackNoStartServer | (serverName.empty() ? 0 : JackServerName));
-    jack_client_t* client = serverName.empty() ? jack_client_open(clientName.c_str(), options, &status)
-                                               : jack_client_open(clientName.c_str(), options, &status, serverName.c_str());
+    jack_client_t* client = serverName.empty()
+        ? jack_client_open(clientName.c_str(), options, &status)
+        : jack_client_open(clientName.c_str(), options, &status, serverName.c_str());
     if (client == nullptr) {
         std::fprintf(stderr, "jack_midi_receiver: cannot open a client on JACK server '%s' (status 0x%x)\n",
                      serverName.empty() ? "default" : serverName.c_str(), static_cast<unsigned>(status));

@@ -98,7 +98,7 @@ QString KeyboardView::instructionsText()
         QString(),
         tr("Benders:"),
         tr("Up/down: Pitch Bend,  left/right: Modulation, period: Toggle Pitch Auto-Release, "
-                       "slash: Toggle Mod Auto-Release."),
+           "slash: Toggle Mod Auto-Release."),
         QString(),
         tr("This app appears as \"PLK\" in other MIDI applications."),
         tr("Keep this window focused to play. %1+Q to quit, %1+, for preferences.").arg(shortcutModifierName()),
@@ -114,8 +114,10 @@ QSize KeyboardView::sizeHint() const
 int KeyboardView::contentHeight(int width) const
 {
     const int statusBottom = 20 + titleLabel_->sizeHint().height() + 10 + statusLabel_->sizeHint().height();
-    const int pitchBottom = statusBottom + 20 + octaveLabel_->sizeHint().height() + 10 + pitchBendLabel_->sizeHint().height();
-    const int modBottom = statusBottom + 20 + velocityLabel_->sizeHint().height() + 10 + modulationLabel_->sizeHint().height();
+    const int pitchBottom = statusBottom + 20 + octaveLabel_->sizeHint().height() + 10
+        + pitchBendLabel_->sizeHint().height();
+    const int modBottom = statusBottom + 20 + velocityLabel_->sizeHint().height() + 10
+        + modulationLabel_->sizeHint().height();
     const int instructionsBottom = pitchBottom + 20 + instructionsLabel_->heightForWidth(std::max(0, width - 80));
     return std::max(instructionsBottom, modBottom);
 }
@@ -145,8 +147,7 @@ void KeyboardView::setupUI()
     velocityLabel_ = makeLabel(this, tr("Velocity: %1").arg(80), monospacedFont(16, QFont::Medium), Qt::AlignCenter);
     pitchBendLabel_ = makeLabel(this, tr("Pitch: %1").arg(0), monospacedFont(14), Qt::AlignCenter);
     modulationLabel_ = makeLabel(this, tr("Mod: %1").arg(0), monospacedFont(14), Qt::AlignCenter);
-    instructionsLabel_ =
-        makeLabel(this, instructionsText(), monospacedFont(12), Qt::AlignLeft | Qt::AlignTop);
+    instructionsLabel_ = makeLabel(this, instructionsText(), monospacedFont(12), Qt::AlignLeft | Qt::AlignTop);
     instructionsLabel_->setWordWrap(true);
 
     resize(sizeHint());
@@ -167,7 +168,8 @@ void KeyboardView::updateDisplay()
     const BenderController& bender = *keyboardMonitor_.benderController;
     const std::int64_t bend = truncatedOrFatal(bender.pitchBend, "pitch bend");
     if (bend < std::numeric_limits<std::int64_t>::min() + kPitchBendCentre)
-        fatal(QStringLiteral("the pitch bend value %1 minus %2 overflows").arg(bend).arg(kPitchBendCentre).toStdString());
+        fatal(
+            QStringLiteral("the pitch bend value %1 minus %2 overflows").arg(bend).arg(kPitchBendCentre).toStdString());
     const ShownValues now{keyboardMonitor_.currentOctave, keyboardMonitor_.currentVelocity, bend - kPitchBendCentre,
                           truncatedOrFatal(bender.modulation, "modulation")};
     // Most refreshes find the same values: they build no text, repaint and move nothing.

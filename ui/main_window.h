@@ -16,9 +16,10 @@ class KeyboardMonitor;
 class KeyboardView;
 
 /// The main window, titled "Plinkora": the keyboard view as its 600 by 400 content (taller only
-/// if the desktop's fonts need it for the instructions to show whole), the menu bar above it (on Linux and Windows one menu "Plinkora": About, Preferences..., Quit) and a
-/// status bar below it that shows the last announcement. The menu commands and the closing of
-/// the window are reported by signals; the application decides what they do. Main thread only.
+/// if the desktop's fonts need it for the instructions to show whole), the menu bar above it (on Linux and Windows one
+/// menu "Plinkora": About, Preferences..., Quit) and a status bar below it that shows the last announcement. The menu
+/// commands and the closing of the window are reported by signals; the application decides what they do. Main thread
+/// only.
 class MainWindow final : public QMainWindow
 {
     Q_OBJECT

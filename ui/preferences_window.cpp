@@ -16,8 +16,8 @@
 #include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
-#include <QPushButton>
 #include <QListWidget>
+#include <QPushButton>
 #include <QScreen>
 #include <QVBoxLayout>
 
@@ -69,8 +69,9 @@ constexpr int kFunctionKeyGroupHeight = 162;
 
 PreferencesWindow::PreferencesWindow(BenderController& benderController, SettingsStore& settings,
                                      ConnectionKeeper* connections)
-    : QWidget(nullptr, Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint | Qt::WindowSystemMenuHint
-                           | Qt::WindowCloseButtonHint)
+    : QWidget(nullptr,
+              Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint | Qt::WindowSystemMenuHint
+                  | Qt::WindowCloseButtonHint)
     , benderController_(benderController)
     , settings_(settings)
 {
@@ -172,10 +173,10 @@ void PreferencesWindow::setupBenderGroup()
         // Setting the start value is not a user's move: nothing is applied or stored.
         slider->setDoubleValue(speed);
     };
-    speedRow(tr("Pitch Bend Speed:"), 100, benderController_.pitchBendSpeed, pitchSpeedLabel_,
-             pitchSpeedSlider_, tr("Pitch Bend Speed"));
-    speedRow(tr("Modulation Speed:"), 30, benderController_.modulationSpeed, modSpeedLabel_,
-             modSpeedSlider_, tr("Modulation Speed"));
+    speedRow(tr("Pitch Bend Speed:"), 100, benderController_.pitchBendSpeed, pitchSpeedLabel_, pitchSpeedSlider_,
+             tr("Pitch Bend Speed"));
+    speedRow(tr("Modulation Speed:"), 30, benderController_.modulationSpeed, modSpeedLabel_, modSpeedSlider_,
+             tr("Modulation Speed"));
 
     // Sliders report while dragged (Qt's default, tracking), as the user moves them.
     connect(pitchSpeedSlider_, &QSlider::valueChanged, this, &PreferencesWindow::pitchSpeedChanged);
@@ -189,8 +190,8 @@ void PreferencesWindow::setupFunctionKeyGroup()
     // Its top edge lies 10 inside the bottom of the bender group, as drawn.
     functionKeyGroup_->setGeometry(frameInParent(0, 108, 400, h, kHeight));
 
-    QLabel* heading =
-        makeLabel(tr("Function Key MIDI Controllers"), functionKeyGroup_, frameInParent(20, 132, 360, 30, h));
+    QLabel* heading = makeLabel(tr("Function Key MIDI Controllers"), functionKeyGroup_,
+                                frameInParent(20, 132, 360, 30, h));
     heading->setFont(designfonts::systemFont(18, QFont::Bold));
 
     using Handler = void (PreferencesWindow::*)();
@@ -199,8 +200,7 @@ void PreferencesWindow::setupFunctionKeyGroup()
     for (int n = 1; n <= 4; ++n) {
         const int index = n - 1;
         const int rowY = 100 - 30 * index;
-        QLabel* caption =
-            makeLabel(tr("F%1 CC:").arg(n), functionKeyGroup_, frameInParent(20, rowY + 2, 80, 20, h));
+        QLabel* caption = makeLabel(tr("F%1 CC:").arg(n), functionKeyGroup_, frameInParent(20, rowY + 2, 80, 20, h));
         caption->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
 
         auto* field = new QLineEdit(storedCCText(index), functionKeyGroup_);
@@ -246,7 +246,8 @@ void PreferencesWindow::setupAudioDeviceRow()
     audioDeviceBox_->setGeometry(130, top, 250, 28);
     audioDeviceBox_->setAccessibleName(tr("Audio device"));
     for (const AudioDriverChoice& choice : audioDriverChoices(FluidEngine::availableDrivers()))
-        audioDeviceBox_->addItem(choice.name == kAutomaticAudioDriver ? tr("Automatic") : QString::fromStdString(choice.text),
+        audioDeviceBox_->addItem(choice.name == kAutomaticAudioDriver ? tr("Automatic")
+                                                                      : QString::fromStdString(choice.text),
                                  QString::fromStdString(choice.name));
     const std::string stored = BuiltInSynth::storedAudioDriver(settings_, FluidEngine::availableDrivers());
     const int index = audioDeviceBox_->findData(QString::fromStdString(stored));
@@ -266,9 +267,8 @@ void PreferencesWindow::showSoundFont(const QString& path)
 void PreferencesWindow::chooseSoundFont()
 {
     const QString current = soundFontLabel_->toolTip();
-    const QString path = QFileDialog::getOpenFileName(this, tr("Choose a sound font"),
-                                                      QFileInfo(current).absolutePath(),
-                                                      tr("Sound fonts (*.sf2 *.sf3)"));
+    const QString path = QFileDialog::getOpenFileName(
+        this, tr("Choose a sound font"), QFileInfo(current).absolutePath(), tr("Sound fonts (*.sf2 *.sf3)"));
     if (path.isEmpty())
         return;
     showSoundFont(path);

@@ -21,8 +21,8 @@ class SpeedSlider;
 /// The settings window (400 by 484, titled "Preferences", not resizable): the two bender
 /// speeds on sliders, applied to the bender controller at once and saved, and the controller
 /// numbers of F1 to F4 in text fields, saved when committed (invalid entries are silently put
-/// back); below them the built-in synthesizer's sound font and audio device. Ctrl+W (Command+W on macOS) closes it. It does not delete itself when closed: it
-/// emits `closed` and its owner drops it. Main thread only.
+/// back); below them the built-in synthesizer's sound font and audio device. Ctrl+W (Command+W on macOS) closes it. It
+/// does not delete itself when closed: it emits `closed` and its owner drops it. Main thread only.
 class PreferencesWindow final : public QWidget
 {
     Q_OBJECT

@@ -7,26 +7,26 @@
 #include "benders/bender_controller.h"
 #include "common/settings_store.h"
 #include "input/keyboard_monitor.h"
-#include "support/key_delivery.h"
 #include "midi/connection_keeper.h"
 #include "midi/midi_manager.h"
 #include "midi/recording_backend.h"
 #include "support/fake_patchbay.h"
 #include "support/fakes.h"
+#include "support/key_delivery.h"
 #include "ui/connections_view.h"
 #include "ui/keyboard_view.h"
 #include "ui/main_window.h"
 #include "ui/preferences_window.h"
 
 #include <QAction>
+#include <QDeadlineTimer>
 #include <QLabel>
 #include <QListWidget>
-#include <QDeadlineTimer>
-#include <QThread>
 #include <QMenu>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QThread>
 
 #include <gtest/gtest.h>
 
@@ -110,9 +110,9 @@ protected:
             return backend;
         };
         s.makeSoundPlayer = [this] {
-            log.push_back(std::string("sound player") + (hasCall(recording, RecordingBackend::Op::CreateSource)
-                                                             ? ", port published"
-                                                             : ", no port"));
+            log.push_back(
+                std::string("sound player")
+                + (hasCall(recording, RecordingBackend::Op::CreateSource) ? ", port published" : ", no port"));
             auto player = std::make_unique<RecordingSoundPlayer>();
             sounds = player.get();
             return player;
@@ -165,7 +165,7 @@ protected:
     RecordingAnnouncer* announcer = nullptr;
     bool failClient = false;
     std::vector<MIDIDestination> inputs; // the MIDI inputs of the system at launch
-    bool withPatchbay = false; // else the connections cannot be seen (a null patchbay)
+    bool withPatchbay = false;           // else the connections cannot be seen (a null patchbay)
     FakePatchbay* patchbay = nullptr;
     StubSynthControl synth;
     bool withSynth = false;
@@ -189,8 +189,9 @@ TEST_F(AppDelegateTest, BeforeLaunchEveryFieldIsEmpty)
 TEST_F(AppDelegateTest, LaunchPublishesThePortThenMakesTheMonitorThenTheFilterThenShowsTheWindow)
 {
     launch();
-    EXPECT_EQ(log, (std::vector<std::string>{"midi back end", "sound player, port published", "announcer, no window",
-                                             "label, filter installed, window shown"}));
+    EXPECT_EQ(log,
+              (std::vector<std::string>{"midi back end", "sound player, port published", "announcer, no window",
+                                        "label, filter installed, window shown"}));
     EXPECT_EQ(recording.clientName, "PLK");
     EXPECT_EQ(recording.sourceName, "PLK");
     EXPECT_EQ(delegate->keyboardMonitor->keyboardWindow, delegate->window.get());
@@ -211,8 +212,9 @@ TEST_F(AppDelegateTest, ThePortPublishedBeforeTheLaunchIsTheOneTheLaunchUses)
 
     delegate->applicationDidFinishLaunching();
     EXPECT_EQ(delegate->midiManager.get(), published);
-    EXPECT_EQ(log, (std::vector<std::string>{"midi back end", "sound player, port published", "announcer, no window",
-                                             "label, filter installed, window shown"}));
+    EXPECT_EQ(log,
+              (std::vector<std::string>{"midi back end", "sound player, port published", "announcer, no window",
+                                        "label, filter installed, window shown"}));
 }
 
 TEST_F(AppDelegateTest, WhenTheMIDISetUpFailsTheWindowStillAppearsAndTheKeysStillWork)

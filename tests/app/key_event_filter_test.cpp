@@ -1,7 +1,7 @@
 #include "app/key_event_filter.h"
 
-#include "support/key_delivery.h"
 #include "support/engine_fixture.h"
+#include "support/key_delivery.h"
 
 #include <QLineEdit>
 #include <QTest>

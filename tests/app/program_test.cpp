@@ -74,7 +74,9 @@ protected:
         process.setProcessEnvironment(environment);
         // The built-in synthesizer (its sound font loading, its audio output) is not what these
         // tests look at.
-        process.start(kProgram, QStringList(arguments) << "--synth" << "off");
+        process.start(kProgram,
+                      QStringList(arguments) << "--synth"
+                                             << "off");
         EXPECT_TRUE(process.waitForStarted(5000));
         return process;
     }
@@ -107,8 +109,8 @@ public:
             if (QFile::exists(QStringLiteral("/tmp/.X11-unix/X%1").arg(number))
                 || QFile::exists(QStringLiteral("/tmp/.X%1-lock").arg(number)))
                 continue;
-            process_.start(QStringLiteral("Xvfb"), {QStringLiteral(":%1").arg(number), "-nolisten", "tcp", "-screen", "0",
-                                                     "1024x768x24"});
+            process_.start(QStringLiteral("Xvfb"),
+                           {QStringLiteral(":%1").arg(number), "-nolisten", "tcp", "-screen", "0", "1024x768x24"});
             if (!process_.waitForStarted(5000))
                 return;
             QDeadlineTimer deadline(10000);
@@ -246,7 +248,7 @@ TEST_F(ProgramTest, UnderX11AHeldKeyIsPressedWithRepeatsAndReleasedOnce)
     output += QString::fromLocal8Bit(plinkora.readAllStandardOutput());
 
     EXPECT_GE(output.count("Key event received: type=10 keyCode=0"), 2); // the press and its repeats
-    EXPECT_EQ(output.count("Key event received: type=11 keyCode=0"), 1);  // one release
+    EXPECT_EQ(output.count("Key event received: type=11 keyCode=0"), 1); // one release
     EXPECT_TRUE(QString::fromLocal8Bit(plinkora.readAllStandardError()).contains("detectable auto-repeat: true"));
 
     ::kill(static_cast<pid_t>(plinkora.processId()), SIGTERM);

@@ -18,7 +18,10 @@ protected:
         for (int i = 0; i < n; ++i)
             bender().updateBenders();
     }
-    Bytes bend(unsigned value) { return {0xE0, static_cast<std::uint8_t>(value & 0x7F), static_cast<std::uint8_t>(value >> 7)}; }
+    Bytes bend(unsigned value)
+    {
+        return {0xE0, static_cast<std::uint8_t>(value & 0x7F), static_cast<std::uint8_t>(value >> 7)};
+    }
     Bytes mod(unsigned value) { return {0xB0, 1, static_cast<std::uint8_t>(value)}; }
 };
 } // namespace

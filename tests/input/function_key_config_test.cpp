@@ -114,8 +114,8 @@ TEST(FunctionKeyTextParser, AcceptsDigitsWithOneOptionalSign)
 
 TEST(FunctionKeyTextParser, RejectsEverythingElse)
 {
-    for (const char* text : {"", "+", "-", "-5", "256", "300", " 64", "64 ", "6 4", "abc", "1e2", "++1", "0x10",
-                             "99999999999999999999"})
+    for (const char* text :
+         {"", "+", "-", "-5", "256", "300", " 64", "64 ", "6 4", "abc", "1e2", "++1", "0x10", "99999999999999999999"})
         EXPECT_EQ(FunctionKeyConfig::parseUInt8(text), std::nullopt) << '"' << text << '"';
 }
 
@@ -150,8 +150,9 @@ TEST(FunctionKeyConfigDeath, AHandEditedFileOutsideZeroTo255StopsWithTheLineNami
     SettingsStore settings(qsettings);
     for (int index = 0; index < 4; ++index) {
         const QString value = QString::fromLatin1(values[static_cast<std::size_t>(index)]).trimmed();
-        const QString line = QStringLiteral("Fatal error: the stored controller number %1 under \"%2\" in %3 is outside 0 to 255")
-                                 .arg(value, QString::fromLatin1(keys[static_cast<std::size_t>(index)]), path);
+        const QString line =
+            QStringLiteral("Fatal error: the stored controller number %1 under \"%2\" in %3 is outside 0 to 255")
+                .arg(value, QString::fromLatin1(keys[static_cast<std::size_t>(index)]), path);
         EXPECT_DEATH(kFunctionKeyConfig.controllerNumber(settings, index), "(^|\n)" + literally(line) + "\n")
             << line.toStdString();
     }

@@ -287,7 +287,8 @@ TEST(KeyTable, OnEachPlatformNoTwoKeysShareAPositionAndEveryRowIsReachable)
                 << "position " << row.position << " appears twice, native " << row.native;
             EXPECT_TRUE(natives.insert(row.native).second) << "native " << row.native << " appears twice";
             EXPECT_NE(row.position, kNoKeyCode);
-            const std::uint32_t native = platform == KeyPlatform::Linux ? row.native + kLinuxScanCodeOffset : row.native;
+            const std::uint32_t native = platform == KeyPlatform::Linux ? row.native + kLinuxScanCodeOffset
+                                                                        : row.native;
             EXPECT_EQ(positionCodeForNative(platform, native), row.position) << "native " << row.native;
         }
     }

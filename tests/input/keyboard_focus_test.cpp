@@ -96,7 +96,8 @@ TEST_F(KeyboardFocusTest, FocusLossReleasesHeldNotesSustainFunctionKeysAndArrows
     // WHEN another window takes the keys
     leave();
     // THEN the note-offs as the releases would send them (octave 5), sustain 0, F1 and F3 to 0
-    EXPECT_EQ(sent(), (std::vector<Bytes>{{0x83, 60, 0}, {0x83, 64, 0}, {0xB3, 64, 0}, {0xB3, 115, 0}, {0xB3, 117, 0}}));
+    EXPECT_EQ(sent(),
+              (std::vector<Bytes>{{0x83, 60, 0}, {0x83, 64, 0}, {0xB3, 64, 0}, {0xB3, 115, 0}, {0xB3, 117, 0}}));
     // AND the arrow flags are cleared, nothing is held any more
     const BenderController& benders = *monitor().benderController;
     EXPECT_FALSE(benders.upPressed || benders.downPressed || benders.leftPressed || benders.rightPressed);

@@ -97,8 +97,8 @@ TEST_F(KeyboardMonitorTest, ShiftIsSustainOnTheCurrentChannel)
 TEST_F(KeyboardMonitorTest, SecondShiftWhileOneIsHeldSendsNothing)
 {
     modifiers(kShiftFlag, kLeftShift);
-    modifiers(kShiftFlag, kRightShift);  // second Shift down
-    modifiers(kShiftFlag, kRightShift);  // one of two released: still held
+    modifiers(kShiftFlag, kRightShift); // second Shift down
+    modifiers(kShiftFlag, kRightShift); // one of two released: still held
     EXPECT_EQ(sent(), (std::vector<Bytes>{{0xB0, 64, 127}}));
     modifiers(0, kLeftShift);
     EXPECT_EQ(sent().back(), (Bytes{0xB0, 64, 0}));
@@ -237,7 +237,8 @@ TEST_F(KeyboardMonitorTest, HoldingPeriodFlipsPitchAutoReleaseOnEveryRepeatWithA
     EXPECT_FALSE(bender.pitchBendAutoRelease);
     release(kKeyPeriod);
     EXPECT_FALSE(bender.pitchBendAutoRelease);
-    EXPECT_EQ(sounds->played, (std::vector<std::string>{"/resources/down.wav", "/resources/up.wav", "/resources/down.wav"}));
+    EXPECT_EQ(sounds->played,
+              (std::vector<std::string>{"/resources/down.wav", "/resources/up.wav", "/resources/down.wav"}));
     EXPECT_TRUE(sent().empty());
 }
 
@@ -298,8 +299,8 @@ TEST_F(KeyboardMonitorTest, MinusEqualsAndReturnArePassedOn)
 
 TEST_F(KeyboardMonitorTest, HandledKeysAreSwallowedOnDownAndUp)
 {
-    for (KeyCode key : {kA, kB, kKey5, kF1, kKeyUp, kKeyPeriod, kKeySlash, kKeyHome, kKeyPageUp, kKeyEnd,
-                        kKeyPageDown, kKeyTab, kKeyEscape}) {
+    for (KeyCode key : {kA, kB, kKey5, kF1, kKeyUp, kKeyPeriod, kKeySlash, kKeyHome, kKeyPageUp, kKeyEnd, kKeyPageDown,
+                        kKeyTab, kKeyEscape}) {
         EXPECT_TRUE(KeyboardMonitor::isHandledKey(key)) << key;
     }
     EXPECT_FALSE(KeyboardMonitor::isHandledKey(kNoKeyCode));
@@ -361,7 +362,8 @@ TEST(KeyboardMonitorOutputTest, TheKeyMessageLeavesBeforeTheKeysLineIsWritten)
     auto watching = std::make_unique<StdoutWatchingBackend>();
     StdoutWatchingBackend& backend = *watching;
     MIDIManager midi(std::move(watching));
-    KeyboardMonitor monitor(midi, settings, std::make_unique<RecordingSoundPlayer>(), std::make_unique<RecordingAnnouncer>());
+    KeyboardMonitor monitor(midi, settings, std::make_unique<RecordingSoundPlayer>(),
+                            std::make_unique<RecordingAnnouncer>());
     backend.writtenAtSend.clear();
 
     // WHEN A is pressed and released

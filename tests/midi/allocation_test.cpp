@@ -266,7 +266,8 @@ TEST(SendingAllocation, SendingThroughTheFanOutToTheBuiltInSynthesizerAllocatesN
     options.engine.drivers = {"file"};
     options.engine.audioFile = dir.filePath("out.raw").toStdString();
     plinkora::BuiltInSynth synth(settings, options);
-    plinkora::MIDIManager manager(std::make_unique<plinkora::FanOutBackend>(std::make_unique<plinkora::NullBackend>(), &synth));
+    plinkora::MIDIManager manager(
+        std::make_unique<plinkora::FanOutBackend>(std::make_unique<plinkora::NullBackend>(), &synth));
     synth.start();
     for (int i = 0; i < 2000 && !synth.isAudible(); ++i) {
         QCoreApplication::processEvents();

@@ -280,8 +280,9 @@ TEST(RecoveringBackendAround, ABackEndWithoutLossesIsPassedThroughUnchanged)
     std::vector<Op> ops;
     for (const RecordingBackend::Call& call : recording->calls())
         ops.push_back(call.op);
-    EXPECT_EQ(ops, (std::vector<Op>{Op::CreateClient, Op::CreateSource, Op::Send, Op::Send, Op::Send, Op::Send,
-                                    Op::DisposeSource, Op::DisposeClient}));
+    EXPECT_EQ(ops,
+              (std::vector<Op>{Op::CreateClient, Op::CreateSource, Op::Send, Op::Send, Op::Send, Op::Send,
+                               Op::DisposeSource, Op::DisposeClient}));
 }
 
 // Explicit choices that do not work

@@ -1,5 +1,5 @@
-#include "midi/connection_keeper.h"
 #include "common/settings_store.h"
+#include "midi/connection_keeper.h"
 #include "support/fake_patchbay.h"
 
 #include <QCoreApplication>
@@ -270,7 +270,8 @@ TEST_F(ConnectionKeeperTest, TheStatusTextNamesTheSystemThePortAndTheConnections
     keeper().setConnected("sampler:in_1", true);
     EXPECT_EQ(keeper().statusText(), "MIDI: jack, port PLK:PLK, connected to fluidsynth:midi_00, sampler:in_1");
 
-    ConnectionKeeper unpublished(patchbay, settings, [](const UserText&) {}, nullptr, "alsa", false);
+    ConnectionKeeper unpublished(
+        patchbay, settings, [](const UserText&) {}, nullptr, "alsa", false);
     EXPECT_EQ(unpublished.statusText(), "MIDI: alsa, no port");
 }
 

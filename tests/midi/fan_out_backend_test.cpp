@@ -41,11 +41,11 @@ TEST(FanOutBackend, EveryMessageReachesThePortAndTheListenerOnceInTheSameOrder)
 {
     FanOut f;
     f.manager->sendProgramChange(19, 0);
-    f.manager->sendControlChange(0, 1, 0);  // bank
-    f.manager->sendControlChange(7, 100, 0); // volume
-    f.manager->sendControlChange(10, 30, 0); // pan
-    f.manager->sendControlChange(91, 80, 0); // reverb
-    f.manager->sendControlChange(93, 20, 0); // chorus
+    f.manager->sendControlChange(0, 1, 0);    // bank
+    f.manager->sendControlChange(7, 100, 0);  // volume
+    f.manager->sendControlChange(10, 30, 0);  // pan
+    f.manager->sendControlChange(91, 80, 0);  // reverb
+    f.manager->sendControlChange(93, 20, 0);  // chorus
     f.manager->sendControlChange(64, 127, 0); // sustain
     f.manager->sendNoteOn(60, 100, 0);
     f.manager->sendNoteOn(60, 100, 0); // a held key's repeat: not sent again
@@ -53,8 +53,8 @@ TEST(FanOutBackend, EveryMessageReachesThePortAndTheListenerOnceInTheSameOrder)
     f.manager->sendControlChange(1, 64, 0); // modulation
     f.manager->sendNoteOff(60, 0);
     const std::vector<std::vector<std::uint8_t>> expected{
-        {0xC0, 19},       {0xB0, 0, 1},  {0xB0, 7, 100},   {0xB0, 10, 30}, {0xB0, 91, 80},  {0xB0, 93, 20},
-        {0xB0, 64, 127}, {0x90, 60, 100}, {0xE0, 0x10, 0x4E}, {0xB0, 1, 64}, {0x80, 60, 0},
+        {0xC0, 19},      {0xB0, 0, 1},    {0xB0, 7, 100},     {0xB0, 10, 30}, {0xB0, 91, 80}, {0xB0, 93, 20},
+        {0xB0, 64, 127}, {0x90, 60, 100}, {0xE0, 0x10, 0x4E}, {0xB0, 1, 64},  {0x80, 60, 0},
     };
     EXPECT_EQ(f.port->sentMessages(), expected);
     EXPECT_EQ(f.listener.heard, expected);
@@ -99,5 +99,4 @@ TEST(FanOutBackend, WithoutAListenerOnlyThePortHearsAndAFailedPortFailsTheSource
     EXPECT_EQ(source, 0u);
     const std::uint8_t programChange[] = {0xC0, 0};
     EXPECT_EQ(fanOut.send(1, programChange), kStatusNoSuchEndpoint); // the port's answer: no source 1
-
 }

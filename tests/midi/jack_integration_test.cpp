@@ -58,8 +58,8 @@ protected:
         environment = std::make_unique<ScopedEnvironment>("JACK_DEFAULT_SERVER", server->name());
         ChildProcess::Options options;
         // A client name of its own: see JackTestLock for why names matter across servers.
-        options.arguments = {"--server", server->name(), "--connect", "PLK:PLK", "--client",
-                             "receiver-" + std::to_string(getpid())};
+        options.arguments = {"--server", server->name(), "--connect",
+                             "PLK:PLK",  "--client",     "receiver-" + std::to_string(getpid())};
         options.environment = server->environment();
         receiver = ChildProcess::start(PLINKORA_JACK_MIDI_RECEIVER, options);
         ASSERT_TRUE(receiver->waitForLineMatching(std::regex("ready .+:in"), kTimeout)) << receiver->describe();
@@ -183,27 +183,27 @@ TEST_F(JackIntegrationTest, EveryKindOfMessageArrivesWithItsExactBytesInOrder)
     // WHEN every kind of message is sent, with repeats, wraps and values to mask, then cleanup
     // THEN the receiver got exactly these bytes, in this order, before the port went
     const std::vector<std::string> expected{
-        "90 3C 64", "95 40 7F", "80 3C 00", "82 3D 00", "E0 00 40", "E0 7F 7F", "E1 00 00", "B3 48 0A",
-        "B0 01 7F", "C2 05",    "C1 02",    "90 48 7F",
+        "90 3C 64", "95 40 7F", "80 3C 00", "82 3D 00", "E0 00 40", "E0 7F 7F", "E1 00 00", "B3 48 0A", "B0 01 7F",
+        "C2 05", "C1 02", "90 48 7F",
         // cleanup: the notes still sounding (64, and 200 sent as 0x48), bend centre, modulation 0
         "80 40 00", "80 48 00", "E0 00 40", "B0 01 00", kGone};
     expectWithXrunRetries(expected, [&] {
         const std::size_t connected = makeManager();
         ::testing::internal::CaptureStdout();
         manager->sendNoteOn(60, 100, 0);
-        manager->sendNoteOn(60, 100, 0);        // held key: nothing
-        manager->sendNoteOn(60, 100, 5);        // same note, other channel: nothing
+        manager->sendNoteOn(60, 100, 0); // held key: nothing
+        manager->sendNoteOn(60, 100, 5); // same note, other channel: nothing
         manager->sendNoteOn(64, 127, 5);
         manager->sendNoteOff(60, 0);
-        manager->sendNoteOff(61, 2);            // never started: sent anyway
+        manager->sendNoteOff(61, 2); // never started: sent anyway
         manager->sendPitchBend(8192, 0);
         manager->sendPitchBend(16383, 0);
         manager->sendPitchBend(0, 1);
         manager->sendControlChange(200, 10, 3);
         manager->sendControlChange(1, 127, 16); // channel 16 wraps to 0
         manager->sendProgramChange(5, 2);
-        manager->sendProgramChange(130, 17);    // masked program, channel 17 wraps to 1
-        manager->sendNoteOn(200, 255, 0);       // masked note and velocity
+        manager->sendProgramChange(130, 17); // masked program, channel 17 wraps to 1
+        manager->sendNoteOn(200, 255, 0);    // masked note and velocity
         const std::string printed = ::testing::internal::GetCapturedStdout();
         EXPECT_EQ(printed, "");
         return cleanupAndCollect(connected);
@@ -242,12 +242,11 @@ TEST_F(JackIntegrationTest, CleanupDeliversItsLastMessagesEveryTime)
         // WHEN a manager is made, plays a note and cleans up at once, round after round
         // THEN every round brings exactly its note on, note off, E0 00 40, B0 01 00, then "gone"
         const auto note = static_cast<unsigned>(40 + round);
-        expectWithXrunRetries({hex({0x90, note, 0x5A}), hex({0x80, note, 0x00}), "E0 00 40", "B0 01 00", kGone},
-                              [&] {
-                                  const std::size_t connected = makeManager();
-                                  manager->sendNoteOn(static_cast<std::uint8_t>(note), 90, 0);
-                                  return cleanupAndCollect(connected);
-                              });
+        expectWithXrunRetries({hex({0x90, note, 0x5A}), hex({0x80, note, 0x00}), "E0 00 40", "B0 01 00", kGone}, [&] {
+            const std::size_t connected = makeManager();
+            manager->sendNoteOn(static_cast<std::uint8_t>(note), 90, 0);
+            return cleanupAndCollect(connected);
+        });
     }
 }
 
@@ -354,8 +353,8 @@ TEST_F(JackIntegrationTest, WithTheTallyAskedForTheMessagesThePortTookArePrinted
     // GIVEN the tally asked for, and a second receiver that adds the cycle's time to each event
     const ScopedEnvironment tally("PLINKORA_MIDI_TALLY", "1");
     ChildProcess::Options options;
-    options.arguments = {"--server", server->name(), "--connect", "PLK:PLK", "--client",
-                         "timed-" + std::to_string(getpid()), "--times"};
+    options.arguments = {
+        "--server", server->name(), "--connect", "PLK:PLK", "--client", "timed-" + std::to_string(getpid()), "--times"};
     options.environment = server->environment();
     const auto timed = ChildProcess::start(PLINKORA_JACK_MIDI_RECEIVER, options);
     ASSERT_TRUE(timed->waitForLineMatching(std::regex("ready .+:in"), kTimeout)) << timed->describe();

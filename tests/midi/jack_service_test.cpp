@@ -222,8 +222,9 @@ TEST_P(JackServiceLossTest, PLKComesBackConnectedToItsReceiverAfterTheServerDied
     EXPECT_EQ(announced, (std::vector<std::string>{"MIDI output lost", "MIDI output back"}));
     EXPECT_TRUE(server->hasPort("PLK:PLK"));
     EXPECT_TRUE(heard(second, 67)) << second.describe();
-    std::printf("[ measured ] PLK back %lld ms after the server was started again\n",
-                static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(back - restarted).count()));
+    std::printf(
+        "[ measured ] PLK back %lld ms after the server was started again\n",
+        static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(back - restarted).count()));
 
     // AND the clean-up afterwards is quiet
     ::testing::internal::CaptureStdout();

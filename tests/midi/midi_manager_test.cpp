@@ -23,8 +23,7 @@ protected:
     void SetUp() override { make(); }
 
     /// Makes the manager; `prepare` may tell the back end to fail before the set-up runs.
-    template <typename Prepare = void (*)(RecordingBackend&)>
-    void make(Prepare prepare = [](RecordingBackend&) {})
+    template <typename Prepare = void (*)(RecordingBackend&)> void make(Prepare prepare = [](RecordingBackend&) {})
     {
         manager.reset();
         auto owned = std::make_unique<RecordingBackend>();
@@ -353,7 +352,8 @@ TEST_F(MIDIManagerTest, CleanupStopsSoundingNotesInAscendingOrderThenCentresTheB
     // WHEN cleanup runs
     const std::string printed = printedBy([&] { manager->cleanup(); });
     // THEN 80 3C 00, 80 40 00, E0 00 40, B0 01 00, then the source, then the client go
-    EXPECT_EQ(sent(), (std::vector<Bytes>{{0x80, 0x3C, 0x00}, {0x80, 0x40, 0x00}, {0xE0, 0x00, 0x40}, {0xB0, 0x01, 0x00}}));
+    EXPECT_EQ(sent(),
+              (std::vector<Bytes>{{0x80, 0x3C, 0x00}, {0x80, 0x40, 0x00}, {0xE0, 0x00, 0x40}, {0xB0, 0x01, 0x00}}));
     EXPECT_EQ(ops(), (std::vector<Op>{Op::Send, Op::Send, Op::Send, Op::Send, Op::DisposeSource, Op::DisposeClient}));
     const auto& calls = backend->calls();
     EXPECT_EQ(calls[4].reference, manager->virtualSource);
@@ -395,10 +395,11 @@ TEST_F(MIDIManagerTest, CleanupGoesOnWhenANoteOffFails)
     const std::string printed = printedBy([&] { manager->cleanup(); });
     // THEN every message was still tried, each failure printed its line, source and client went
     EXPECT_EQ(sent().size(), 4u);
-    EXPECT_EQ(printed, "Error sending MIDI note off: -5\n"
-                       "Error sending MIDI note off: -5\n"
-                       "Error sending MIDI pitch bend: -5\n"
-                       "Error sending MIDI CC1: -5\n");
+    EXPECT_EQ(printed,
+              "Error sending MIDI note off: -5\n"
+              "Error sending MIDI note off: -5\n"
+              "Error sending MIDI pitch bend: -5\n"
+              "Error sending MIDI CC1: -5\n");
     EXPECT_EQ(ops().back(), Op::DisposeClient);
     EXPECT_EQ(ops()[ops().size() - 2], Op::DisposeSource);
 }
@@ -417,10 +418,11 @@ TEST_F(MIDIManagerTest, EachFailedSendPrintsItsLineWithTheSignedStatus)
         manager->sendProgramChange(5, 2);
     });
     // THEN each prints exactly its line
-    EXPECT_EQ(printed, "Error sending MIDI note on: -5\n"
-                       "Error sending MIDI note off: -5\n"
-                       "Error sending MIDI pitch bend: -5\n"
-                       "Error sending MIDI program change: -5\n");
+    EXPECT_EQ(printed,
+              "Error sending MIDI note on: -5\n"
+              "Error sending MIDI note off: -5\n"
+              "Error sending MIDI pitch bend: -5\n"
+              "Error sending MIDI program change: -5\n");
 }
 
 TEST_F(MIDIManagerTest, AFailedControlChangeNamesTheControllerBeforeMasking)
@@ -485,7 +487,10 @@ TEST(MIDIManagerLifetime, DestroyingTheManagerWithoutCleanupSendsAndDisposesNoth
     // GIVEN a manager whose back end forwards to a recording that outlives it, with a note sounding
     struct Forwarding final : MIDIBackend
     {
-        explicit Forwarding(RecordingBackend& to) : target(to) {}
+        explicit Forwarding(RecordingBackend& to)
+            : target(to)
+        {
+        }
         std::string_view apiName() const override { return "forwarding"; }
         MIDIStatus createClient(std::string_view n, std::uint32_t& c) override { return target.createClient(n, c); }
         MIDIStatus createSource(std::uint32_t c, std::string_view n, std::uint32_t& s) override

@@ -100,7 +100,10 @@ public:
         : service_(service)
     {
     }
-    std::vector<MIDIDestination> destinations() override { return service_.running ? present : std::vector<MIDIDestination>{}; }
+    std::vector<MIDIDestination> destinations() override
+    {
+        return service_.running ? present : std::vector<MIDIDestination>{};
+    }
     std::vector<MIDIDestination> connections() override
     {
         return service_.published ? connected : std::vector<MIDIDestination>{};

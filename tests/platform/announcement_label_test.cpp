@@ -2,9 +2,9 @@
 
 #include <QAccessible>
 #include <QApplication>
+#include <QEvent>
 #include <QLabel>
 #include <QMainWindow>
-#include <QEvent>
 #include <QStatusBar>
 #include <QStringList>
 
@@ -169,10 +169,10 @@ TEST(AnnouncementLabelTest, EachAnnouncementShowsANotificationAgainWithItsNewNam
 #if QT_VERSION >= QT_VERSION_CHECK(6, 8, 0)
     EXPECT_TRUE(recorder.events.isEmpty());
 #else
-    EXPECT_EQ(recorder.events,
-              (QStringList{QStringLiteral("label hide"), QStringLiteral("label show:127"),
-                           QStringLiteral("twin show:127"), QStringLiteral("twin hide"),
-                           QStringLiteral("label hide"), QStringLiteral("label show:minus 1")}));
+    EXPECT_EQ(
+        recorder.events,
+        (QStringList{QStringLiteral("label hide"), QStringLiteral("label show:127"), QStringLiteral("twin show:127"),
+                     QStringLiteral("twin hide"), QStringLiteral("label hide"), QStringLiteral("label show:minus 1")}));
 #endif
     EXPECT_TRUE(label->isVisible());
 }

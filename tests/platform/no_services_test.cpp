@@ -52,8 +52,9 @@ TEST_F(NoServicesTest, ThePlayerSaysThereIsNoSoundOutput)
     clock.start();
     EXPECT_FALSE(player.play(PLINKORA_TEST_SOUNDS_DIR "/down.wav", error));
     EXPECT_LT(clock.elapsed(), 5000);
-    EXPECT_EQ(error, "no sound output: no audio device was found (is a sound server such as PulseAudio or "
-                     "PipeWire running?)");
+    EXPECT_EQ(error,
+              "no sound output: no audio device was found (is a sound server such as PulseAudio or "
+              "PipeWire running?)");
     std::printf("Error playing sound down.wav: %s\n", error.c_str());
     // Again: the same answer, and quickly.
     clock.restart();

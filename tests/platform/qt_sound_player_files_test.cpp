@@ -10,9 +10,9 @@
 
 #include <cstdlib>
 
-#include <unistd.h>
 #include <optional>
 #include <string>
+#include <unistd.h>
 
 namespace plinkora {
 namespace {

@@ -73,7 +73,8 @@ class ScreenReaderMonitorTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        requirePrograms({"dbus-daemon", "busctl", "/usr/libexec/at-spi-bus-launcher", "/usr/libexec/at-spi2-registryd"});
+        requirePrograms(
+            {"dbus-daemon", "busctl", "/usr/libexec/at-spi-bus-launcher", "/usr/libexec/at-spi2-registryd"});
         if (IsSkipped())
             return;
         sessionBus_ = std::make_unique<PrivateSessionBus>(folder_.path() / "session");
@@ -182,7 +183,8 @@ protected:
         if (!PrivateOrca::canIsolate() && runCommand({"pgrep", "-x", "orca"}).exitCode == 0)
             GTEST_SKIP() << "another Orca runs and this one cannot be kept apart from it";
         display_ = std::make_unique<PrivateXServer>();
-        accessibility_ = std::make_unique<AccessibilityBus>(*sessionBus_, folder_.subfolder("run"), display_->display());
+        accessibility_ = std::make_unique<AccessibilityBus>(*sessionBus_, folder_.subfolder("run"),
+                                                            display_->display());
         speech_ = std::make_unique<PrivateSpeechDispatcher>(folder_.path() / "orca-speech",
                                                             PrivateSpeechDispatcher::Options{200ms});
         speech_->start();
@@ -190,8 +192,8 @@ protected:
 
     std::unique_ptr<PrivateOrca> startOrca()
     {
-        return std::make_unique<PrivateOrca>(PrivateOrca::Options{
-            display_->display(), sessionBus_->address(), folder_.path() / "orca", speech_->address()});
+        return std::make_unique<PrivateOrca>(PrivateOrca::Options{display_->display(), sessionBus_->address(),
+                                                                  folder_.path() / "orca", speech_->address()});
     }
 
     std::unique_ptr<PrivateXServer> display_;
@@ -268,15 +270,16 @@ TEST_F(OrcaTest, OrcaSpeaksTheAnnouncements)
 
     const fs::path control = folder_.path() / "announce-control";
     std::ofstream(control).close();
-    const auto window = ChildProcess::start(PLINKORA_ANNOUNCE_WINDOW,
-                                            childOptions({control.string()},
-                                                         {{"DISPLAY", display_->display()},
-                                                          {"DBUS_SESSION_BUS_ADDRESS", sessionBus_->address()},
-                                                          {"AT_SPI_BUS_ADDRESS", std::nullopt},
-                                                          {"QT_QPA_PLATFORM", "xcb"},
-                                                          {"QT_LINUX_ACCESSIBILITY_ALWAYS_ON", std::nullopt},
-                                                          {"QT_ACCESSIBILITY", std::nullopt},
-                                                          {"XDG_RUNTIME_DIR", folder_.subfolder("window-run").string()}}));
+    const auto window =
+        ChildProcess::start(PLINKORA_ANNOUNCE_WINDOW,
+                            childOptions({control.string()},
+                                         {{"DISPLAY", display_->display()},
+                                          {"DBUS_SESSION_BUS_ADDRESS", sessionBus_->address()},
+                                          {"AT_SPI_BUS_ADDRESS", std::nullopt},
+                                          {"QT_QPA_PLATFORM", "xcb"},
+                                          {"QT_LINUX_ACCESSIBILITY_ALWAYS_ON", std::nullopt},
+                                          {"QT_ACCESSIBILITY", std::nullopt},
+                                          {"XDG_RUNTIME_DIR", folder_.subfolder("window-run").string()}}));
     // What Orca says reaches the private speech service at once (its debug log is written in
     // blocks, later). Orca says the texts alone (with a full stop at the end).
     const auto orcaSaid = [&](const std::string& text) {

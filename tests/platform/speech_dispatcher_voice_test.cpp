@@ -13,9 +13,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <thread>
 #include <memory>
 #include <regex>
+#include <thread>
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -46,7 +46,8 @@ bool contains(const std::vector<std::string>& lines, const std::string& wanted)
 
 bool anyContains(const std::vector<std::string>& lines, const std::string& part)
 {
-    return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) { return line.find(part) != std::string::npos; });
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const std::string& line) { return line.find(part) != std::string::npos; });
 }
 
 class SpeechDispatcherVoiceTest : public ::testing::Test
@@ -101,11 +102,10 @@ TEST_F(SpeechDispatcherVoiceTest, SpeaksTheTextExactly)
     clock.start();
     SpeechDispatcherVoice voice(options());
     const double constructMicroseconds = static_cast<double>(clock.nsecsElapsed()) / 1e3;
-    std::printf("SpeechDispatcherVoice(): %.1f us; connected after %.1f ms\n", constructMicroseconds,
-                [&] {
-                    waitUntil([&] { return voice.isConnected(); }, 10s, 1ms);
-                    return static_cast<double>(clock.nsecsElapsed()) / 1e6;
-                }());
+    std::printf("SpeechDispatcherVoice(): %.1f us; connected after %.1f ms\n", constructMicroseconds, [&] {
+        waitUntil([&] { return voice.isConnected(); }, 10s, 1ms);
+        return static_cast<double>(clock.nsecsElapsed()) / 1e6;
+    }());
     ASSERT_TRUE(waitUntil([&] { return voice.isConnected(); }, 10s));
     EXPECT_FALSE(voice.isSpeaking());
 
@@ -194,9 +194,9 @@ TEST_F(SpeechDispatcherVoiceTest, StopCancelsOnlyItsOwnSpeech)
 
     // Another program's speech, on its own connection, goes on.
     const auto other = ChildProcess::start(
-        "spd-say", childOptions({"--wait", "--priority", "message", "Another program speaks"},
-                                {{"SPEECHD_ADDRESS", service_->address()},
-                                 {"SPEECHD_CMD", "/nonexistent/speech-dispatcher"}}));
+        "spd-say",
+        childOptions({"--wait", "--priority", "message", "Another program speaks"},
+                     {{"SPEECHD_ADDRESS", service_->address()}, {"SPEECHD_CMD", "/nonexistent/speech-dispatcher"}}));
     ASSERT_TRUE(waitUntilSaid("Another program speaks", false));
     voice.speak(QStringLiteral("Channel: 3"));
     voice.stop();

@@ -48,8 +48,9 @@ TEST(MIDIPropertyList, DisplayTextsOfAFreshList)
     QStringList texts;
     for (const auto& p : makeProperties())
         texts << p->displayText();
-    EXPECT_EQ(texts, (QStringList{"Channel: 1", "Program: 0", "Bank: 0", "Volume: 100", "Pan: 64", "Reverb: 40",
-                                  "Chorus: 0", "Transpose: +0"}));
+    EXPECT_EQ(texts,
+              (QStringList{"Channel: 1", "Program: 0", "Bank: 0", "Volume: 100", "Pan: 64", "Reverb: 40", "Chorus: 0",
+                           "Transpose: +0"}));
 }
 
 TEST(MIDIProperty, ChannelFifteenShowsAsSixteenAndTranspositionCarriesItsSign)

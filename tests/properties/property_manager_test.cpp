@@ -167,7 +167,10 @@ TEST_F(PropertyManagerTest, APendingAnnouncementDoesNotOutliveItsManager)
     // GIVEN a manager whose voice reports into a log that outlives it
     struct LoggingVoice final : Announcer
     {
-        explicit LoggingVoice(QStringList& l) : log(l) {}
+        explicit LoggingVoice(QStringList& l)
+            : log(l)
+        {
+        }
         void postAnnouncement(const QString& text) override { log << "post:" + text; }
         bool isScreenReaderRunning() override { return false; }
         bool isSpeaking() override { return false; }

@@ -118,7 +118,9 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const std::string& program, co
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
-        struct sigaction defaults{};
+        struct sigaction defaults
+        {
+        };
         defaults.sa_handler = SIG_DFL;
         for (const int signal : {SIGPIPE, SIGTERM, SIGINT, SIGHUP, SIGCHLD})
             sigaction(signal, &defaults, nullptr);
@@ -160,7 +162,8 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const std::string& program, co
     const int outputFd = outputPipe[0];
     const int errorFd = errorPipe[0];
     const int wakeFd = wakePipe[0];
-    child->reader_ = std::thread([raw = child.get(), outputFd, errorFd, wakeFd] { raw->readLoop(outputFd, errorFd, wakeFd); });
+    child->reader_ =
+        std::thread([raw = child.get(), outputFd, errorFd, wakeFd] { raw->readLoop(outputFd, errorFd, wakeFd); });
     return child;
 }
 
@@ -288,8 +291,8 @@ std::optional<std::size_t> ChildProcess::waitForLineMatching(const std::regex& p
                                                              std::chrono::milliseconds timeout, std::size_t from,
                                                              Stream stream) const
 {
-    return waitForLine([&pattern](const std::string& line) { return std::regex_match(line, pattern); }, timeout,
-                       from, stream);
+    return waitForLine([&pattern](const std::string& line) { return std::regex_match(line, pattern); }, timeout, from,
+                       stream);
 }
 
 bool ChildProcess::waitForLineCount(std::size_t count, std::chrono::milliseconds timeout, Stream stream) const

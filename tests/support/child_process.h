@@ -37,9 +37,9 @@ public:
 
     struct Options
     {
-        std::vector<std::string> arguments;                            // without the program
+        std::vector<std::string> arguments;                           // without the program
         std::vector<std::pair<std::string, std::string>> environment; // added or replaced
-        std::vector<std::string> unsetEnvironment;                     // removed
+        std::vector<std::string> unsetEnvironment;                    // removed
     };
 
     /// Starts `program` (a path; no search of PATH unless it has no '/'). Throws
@@ -70,8 +70,7 @@ public:
                                                    std::size_t from = 0, Stream stream = Stream::Output) const;
     /// Waits until at least `count` lines were read; false when `timeout` passes or the stream
     /// ends first.
-    bool waitForLineCount(std::size_t count, std::chrono::milliseconds timeout,
-                          Stream stream = Stream::Output) const;
+    bool waitForLineCount(std::size_t count, std::chrono::milliseconds timeout, Stream stream = Stream::Output) const;
 
     /// True until the process has ended (it is reaped then).
     bool running();

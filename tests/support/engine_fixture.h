@@ -48,7 +48,10 @@ protected:
 
     void press(KeyCode code, std::uint64_t flags = 0) { monitor().monitorCallback({kEventKeyDown, code, flags}); }
     void release(KeyCode code, std::uint64_t flags = 0) { monitor().monitorCallback({kEventKeyUp, code, flags}); }
-    void modifiers(std::uint64_t flags, KeyCode code = 56) { monitor().monitorCallback({kEventFlagsChanged, code, flags}); }
+    void modifiers(std::uint64_t flags, KeyCode code = 56)
+    {
+        monitor().monitorCallback({kEventFlagsChanged, code, flags});
+    }
 
     std::vector<Bytes> sent() const { return backend->sentMessages(); }
 

@@ -15,7 +15,11 @@ namespace plinkora::testing {
 class RecordingAnnouncer final : public Announcer
 {
 public:
-    void postAnnouncement(const QString& text) override { posted << text; log << "post:" + text; }
+    void postAnnouncement(const QString& text) override
+    {
+        posted << text;
+        log << "post:" + text;
+    }
     bool isScreenReaderRunning() override { return screenReaderRunning; }
     bool isSpeaking() override { return speaking; }
     void stopSpeaking() override

@@ -131,8 +131,11 @@ std::unique_ptr<JackServer> JackServer::start(const Options& options)
 void JackServer::launch()
 {
     ChildProcess::Options process;
-    process.arguments = {"-n", name_, "-t", std::to_string(options_.clientTimeout.count()), "-d", "dummy",
-                         "-r", std::to_string(options_.sampleRate), "-p", std::to_string(options_.periodFrames)};
+    process.arguments = {"-n", name_,
+                         "-t", std::to_string(options_.clientTimeout.count()),
+                         "-d", "dummy",
+                         "-r", std::to_string(options_.sampleRate),
+                         "-p", std::to_string(options_.periodFrames)};
     process.environment = {{"JACK_NO_AUDIO_RESERVATION", "1"}};
     process.unsetEnvironment = {"JACK_DEFAULT_SERVER"};
     process_ = ChildProcess::start("jackd", process);
@@ -197,7 +200,8 @@ void JackServer::removeLeftovers() const
     std::vector<std::string> doomed;
     while (const dirent* entry = readdir(shm)) {
         const std::string file = entry->d_name;
-        if (file.rfind(socketPrefix, 0) == 0 || (file.rfind("jack_sem.", 0) == 0 && file.find(semaphoreTag) != std::string::npos))
+        if (file.rfind(socketPrefix, 0) == 0
+            || (file.rfind("jack_sem.", 0) == 0 && file.find(semaphoreTag) != std::string::npos))
             doomed.push_back("/dev/shm/" + file);
     }
     closedir(shm);

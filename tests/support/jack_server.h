@@ -44,7 +44,7 @@ class JackServer
 public:
     struct Options
     {
-        std::string name;                       // empty: uniqueName()
+        std::string name; // empty: uniqueName()
         std::chrono::milliseconds readyTimeout = std::chrono::seconds(30);
         unsigned sampleRate = 48000;
         unsigned periodFrames = 256; // 5.3 ms: fewer xruns than 64 frames on a loaded machine

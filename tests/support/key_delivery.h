@@ -60,13 +60,13 @@ inline bool deliverFromWindowSystem(QWidget& widget, QKeyEvent& event)
 }
 
 inline void sendPress(QWidget& widget, const LinuxKey& key, Qt::KeyboardModifiers modifiers = Qt::NoModifier,
-                  bool autoRepeat = false)
+                      bool autoRepeat = false)
 {
     deliverFromWindowSystem(widget, *makeKeyEvent(QEvent::KeyPress, key, modifiers, autoRepeat));
 }
 
 inline void sendRelease(QWidget& widget, const LinuxKey& key, Qt::KeyboardModifiers modifiers = Qt::NoModifier,
-                    bool autoRepeat = false)
+                        bool autoRepeat = false)
 {
     deliverFromWindowSystem(widget, *makeKeyEvent(QEvent::KeyRelease, key, modifiers, autoRepeat));
 }
@@ -115,9 +115,10 @@ protected:
             return false;
         const auto* old = static_cast<QKeyEvent*>(event);
         ++forwarded;
-        queue.emplace_back(target, new QKeyEvent(old->type(), old->key(), old->modifiers(), old->nativeScanCode(),
-                                                 old->nativeVirtualKey(), old->nativeModifiers(), old->text(),
-                                                 old->isAutoRepeat(), old->count()));
+        queue.emplace_back(target,
+                           new QKeyEvent(old->type(), old->key(), old->modifiers(), old->nativeScanCode(),
+                                         old->nativeVirtualKey(), old->nativeModifiers(), old->text(),
+                                         old->isAutoRepeat(), old->count()));
         return true;
     }
 };

@@ -163,7 +163,8 @@ TEST_F(BuiltInSynthTest, AnAudioOutputThatCannotOpenSaysOneLine)
     synth.setAnnounce([&](const UserText& text) { announced.push_back(text.shown); });
     synth.start();
     ASSERT_TRUE(waitFor([&] { return !announced.empty(); }));
-    EXPECT_TRUE(announced.front().startsWith(QStringLiteral("Audio output failed: pulseaudio: "))) << announced.front().toStdString();
+    EXPECT_TRUE(announced.front().startsWith(QStringLiteral("Audio output failed: pulseaudio: ")))
+        << announced.front().toStdString();
     EXPECT_FALSE(synth.isAudible());
     qunsetenv("PULSE_SERVER");
 }
@@ -195,7 +196,8 @@ TEST_F(BuiltInSynthTest, TheSettingChoosesTheModeAndTheFont)
 
 TEST_F(BuiltInSynthTest, AFailedAudioOutputSaysOneLineAndChoosingAnotherTriesAgain)
 {
-    qputenv("JACK_DEFAULT_SERVER", QByteArray("plinkora-none-") + QByteArray::number(QCoreApplication::applicationPid()));
+    qputenv("JACK_DEFAULT_SERVER",
+            QByteArray("plinkora-none-") + QByteArray::number(QCoreApplication::applicationPid()));
     BuiltInSynth::Options options = fileOutput();
     options.audioDriver = "jack";
     BuiltInSynth synth(settings, options);
@@ -224,7 +226,8 @@ TEST_F(BuiltInSynthTest, AFailedAudioOutputSaysOneLineAndChoosingAnotherTriesAga
 
 TEST_F(BuiltInSynthTest, ChoosingAnotherAudioOutputWhilePlayingClosesTheOneInUse)
 {
-    qputenv("JACK_DEFAULT_SERVER", QByteArray("plinkora-none-") + QByteArray::number(QCoreApplication::applicationPid()));
+    qputenv("JACK_DEFAULT_SERVER",
+            QByteArray("plinkora-none-") + QByteArray::number(QCoreApplication::applicationPid()));
     BuiltInSynth synth(settings, fileOutput());
     std::vector<QString> announced;
     synth.setAnnounce([&](const UserText& text) { announced.push_back(text.shown); });

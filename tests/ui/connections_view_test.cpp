@@ -4,9 +4,9 @@
 #include "ui/connections_view.h"
 #include "ui/preferences_window.h"
 
-#include <QComboBox>
 #include <QAccessible>
 #include <QApplication>
+#include <QComboBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
@@ -55,8 +55,9 @@ protected:
     FakePatchbay patchbay;
     StubSynthControl synth;
     QStringList heard;
-    ConnectionKeeper keeper{patchbay, settings, [this](const UserText& text) { heard << text.shown; }, &synth,
-                            QStringLiteral("jack"), true};
+    ConnectionKeeper keeper{
+        patchbay, settings, [this](const UserText& text) { heard << text.shown; }, &synth, QStringLiteral("jack"),
+        true};
     std::unique_ptr<QWidget> window_;
     ConnectionsView* view_ = nullptr;
 };
@@ -144,8 +145,8 @@ TEST_F(ConnectionsViewTest, ThePreferencesWindowGainsTheSectionAfterTheFunctionK
 {
     PreferencesWindow window(*monitor().benderController, settings, &keeper);
     ASSERT_NE(window.connectionsView(), nullptr);
-    EXPECT_EQ(window.height(), PreferencesWindow::kHeight + PreferencesWindow::kAudioRowHeight
-                                   + PreferencesWindow::kConnectionsHeight);
+    EXPECT_EQ(window.height(),
+              PreferencesWindow::kHeight + PreferencesWindow::kAudioRowHeight + PreferencesWindow::kConnectionsHeight);
     window.show();
     ASSERT_TRUE(QTest::qWaitForWindowActive(&window));
     window.ccField(3)->setFocus();
@@ -156,7 +157,8 @@ TEST_F(ConnectionsViewTest, ThePreferencesWindowGainsTheSectionAfterTheFunctionK
     QTest::keyClick(window.audioDeviceBox(), Qt::Key_Tab);
     EXPECT_TRUE(window.connectionsView()->list()->hasFocus()) << "then the list";
     EXPECT_GE(window.connectionsView()->list()->mapTo(&window, QPoint(0, 0)).y(),
-              window.audioDeviceBox()->geometry().bottom()) << "below the audio device";
+              window.audioDeviceBox()->geometry().bottom())
+        << "below the audio device";
     const QRect list = window.connectionsView()->list()->geometry();
     EXPECT_GE(list.height(), 100) << "room for several entries";
 

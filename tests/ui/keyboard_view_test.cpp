@@ -178,8 +178,8 @@ TEST_F(KeyboardViewTest, IdleRefreshesRepaintAndPlaceNothingAndAChangedValueRepa
 TEST_F(KeyboardViewTest, PitchShowsTheBendTruncatedTowardZeroMinus8192)
 {
     const std::vector<std::pair<double, QString>> cases{
-        {8192.0, "Pitch: 0"},      {0.0, "Pitch: -8192"},   {16383.0, "Pitch: 8191"},
-        {8191.9, "Pitch: -1"},     {8191.6, "Pitch: -1"},   {8192.99, "Pitch: 0"},
+        {8192.0, "Pitch: 0"},  {0.0, "Pitch: -8192"}, {16383.0, "Pitch: 8191"},
+        {8191.9, "Pitch: -1"}, {8191.6, "Pitch: -1"}, {8192.99, "Pitch: 0"},
     };
     for (const auto& [bend, shown] : cases) {
         // GIVEN the bend; WHEN the view refreshes; THEN it shows the truncated offset
@@ -331,25 +331,27 @@ TEST_F(KeyboardViewTest, TheInstructionsAreTheSixteenLinesWithTheShortcutModifie
 #else
     const QString modifier = "Ctrl";
 #endif
-    const QString expected = QStringList{
-        "KEYBOARD LAYOUT:",
-        "",
-        "Number Keys (1-9, 0): Change octave",
-        "",
-        "Piano Keys:",
-        "  W E   T Y U   O P   ]: Black keys (sharps)",
-        "A S D F G H J K L ; ` ': White keys",
-        "Q R I [ \\: Extended (G# A A# B C)",
-        "",
-        "Velocity: Z=20  X=40  C=60  V=80  B=100  N=115  M=120  ,=127",
-        "",
-        "Benders:",
-        "Up/down: Pitch Bend,  left/right: Modulation, period: Toggle Pitch Auto-Release, slash: Toggle Mod "
-        "Auto-Release.",
-        "",
-        "This app appears as \"PLK\" in other MIDI applications.",
-        "Keep this window focused to play. " + modifier + "+Q to quit, " + modifier + "+, for preferences.",
-    }.join('\n');
+    const QString expected =
+        QStringList{
+            "KEYBOARD LAYOUT:",
+            "",
+            "Number Keys (1-9, 0): Change octave",
+            "",
+            "Piano Keys:",
+            "  W E   T Y U   O P   ]: Black keys (sharps)",
+            "A S D F G H J K L ; ` ': White keys",
+            "Q R I [ \\: Extended (G# A A# B C)",
+            "",
+            "Velocity: Z=20  X=40  C=60  V=80  B=100  N=115  M=120  ,=127",
+            "",
+            "Benders:",
+            "Up/down: Pitch Bend,  left/right: Modulation, period: Toggle Pitch Auto-Release, slash: Toggle Mod "
+            "Auto-Release.",
+            "",
+            "This app appears as \"PLK\" in other MIDI applications.",
+            "Keep this window focused to play. " + modifier + "+Q to quit, " + modifier + "+, for preferences.",
+        }
+            .join('\n');
 
     EXPECT_EQ(KeyboardView::instructionsText(), expected);
     EXPECT_EQ(view().instructionsLabel()->text(), expected);
@@ -376,7 +378,8 @@ TEST_F(KeyboardViewTest, TheLabelsHaveTheirTextsFontsAndAlignments)
         {v.velocityLabel(), "Velocity: 80", 16, QFont::Medium, true, Qt::AlignCenter},
         {v.pitchBendLabel(), "Pitch: 0", 14, QFont::Normal, true, Qt::AlignCenter},
         {v.modulationLabel(), "Mod: 0", 14, QFont::Normal, true, Qt::AlignCenter},
-        {v.instructionsLabel(), KeyboardView::instructionsText(), 12, QFont::Normal, true, Qt::AlignLeft | Qt::AlignTop},
+        {v.instructionsLabel(), KeyboardView::instructionsText(), 12, QFont::Normal, true,
+         Qt::AlignLeft | Qt::AlignTop},
     };
     for (const Expected& e : labels) {
         SCOPED_TRACE(e.text.toStdString());

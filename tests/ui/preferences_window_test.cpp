@@ -289,7 +289,8 @@ TEST_F(PreferencesWindowTest, TheSlidersWorkFromTheKeyboard)
 
 TEST_F(PreferencesWindowTest, CtrlWClosesTheWindowAndSaysSo)
 {
-    for (Qt::KeyboardModifiers modifiers : {Qt::KeyboardModifiers(Qt::ControlModifier), Qt::ControlModifier | Qt::AltModifier}) {
+    for (Qt::KeyboardModifiers modifiers :
+         {Qt::KeyboardModifiers(Qt::ControlModifier), Qt::ControlModifier | Qt::AltModifier}) {
         // GIVEN the window in front with the focus in a field
         window_.reset();
         showActive();
@@ -499,9 +500,9 @@ TEST_F(PreferencesWindowTest, TabGoesThroughTheSlidersThenF1ToF4ThenTheSynthesiz
     EXPECT_EQ(QApplication::focusWidget(), window().pitchSpeedSlider());
 
     // WHEN Tab is pressed over and over THEN the focus goes round in this order
-    const std::vector<QWidget*> expected{window().modSpeedSlider(), window().ccField(0), window().ccField(1),
-                                         window().ccField(2),       window().ccField(3), window().soundFontButton(),
-                                         window().audioDeviceBox(), window().pitchSpeedSlider()};
+    const std::vector<QWidget*> expected{
+        window().modSpeedSlider(), window().ccField(0),        window().ccField(1),       window().ccField(2),
+        window().ccField(3),       window().soundFontButton(), window().audioDeviceBox(), window().pitchSpeedSlider()};
     for (QWidget* next : expected) {
         QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
         EXPECT_EQ(QApplication::focusWidget(), next);
@@ -547,7 +548,7 @@ TEST_F(PreferencesWindowTest, TheAudioDeviceListOffersAutomaticAndFluidSynthsOut
     EXPECT_GE(box->findData(QStringLiteral("alsa")), 1);
     EXPECT_EQ(box->itemText(box->findData(QStringLiteral("alsa"))), QStringLiteral("ALSA"));
     EXPECT_EQ(box->findData(QStringLiteral("file")), -1); // it writes no sound
-    EXPECT_EQ(box->currentIndex(), 0); // nothing stored: automatic
+    EXPECT_EQ(box->currentIndex(), 0);                    // nothing stored: automatic
     EXPECT_GE(box->geometry().top(), window().soundFontLabel()->geometry().bottom());
 }
 

@@ -83,7 +83,8 @@ int main(int argc, char** argv)
     patchbay.add({"sampler", "in_1"});
     patchbay.connectFromOutside({"fluidsynth", "midi_00"});
     testing::StubSynthControl synth;
-    ConnectionKeeper connections(patchbay, settings, [](const UserText&) {}, &synth, QStringLiteral("jack"), true);
+    ConnectionKeeper connections(
+        patchbay, settings, [](const UserText&) {}, &synth, QStringLiteral("jack"), true);
     connections.start({});
 
     MainWindow mainWindow(monitor);

@@ -131,8 +131,8 @@ CommandResult runCommand(const std::vector<std::string>& argv, const Environment
     CommandResult result;
     std::unique_ptr<ChildProcess> process;
     try {
-        process = ChildProcess::start(argv.front(),
-                                      childOptions(std::vector<std::string>(argv.begin() + 1, argv.end()), environment));
+        process = ChildProcess::start(
+            argv.front(), childOptions(std::vector<std::string>(argv.begin() + 1, argv.end()), environment));
     } catch (const std::runtime_error& error) {
         result.exitCode = 127;
         result.output = error.what();
@@ -192,7 +192,8 @@ PrivateService::PrivateService(const std::string& service, const std::vector<std
     const std::vector<std::string> lines = launcher_->lines();
     for (std::size_t i = 0; i < *ready; ++i) {
         const auto space = lines[i].find(' ');
-        facts_.emplace_back(lines[i].substr(0, space), space == std::string::npos ? std::string() : lines[i].substr(space + 1));
+        facts_.emplace_back(lines[i].substr(0, space),
+                            space == std::string::npos ? std::string() : lines[i].substr(space + 1));
     }
     address_ = fact("address");
     const std::string pid = fact("pid");
@@ -237,10 +238,9 @@ pid_t AccessibilityBus::registryPid() const
 
 void AccessibilityBus::setScreenReaderEnabled(bool enabled) const
 {
-    const CommandResult result =
-        runCommand({"busctl", "--user", "set-property", "org.a11y.Bus", "/org/a11y/bus", "org.a11y.Status",
-                    "ScreenReaderEnabled", "b", enabled ? "true" : "false"},
-                   {{"DBUS_SESSION_BUS_ADDRESS", sessionAddress_}}, 10s);
+    const CommandResult result = runCommand({"busctl", "--user", "set-property", "org.a11y.Bus", "/org/a11y/bus",
+                                             "org.a11y.Status", "ScreenReaderEnabled", "b", enabled ? "true" : "false"},
+                                            {{"DBUS_SESSION_BUS_ADDRESS", sessionAddress_}}, 10s);
     if (result.exitCode != 0)
         throw std::runtime_error("busctl set-property failed: " + result.output);
 }
@@ -273,7 +273,8 @@ void PrivateSpeechDispatcher::start()
     if (isRunning())
         return;
     service_ = std::make_unique<PrivateService>(
-        "speech", std::vector<std::string>{"--folder", folder_.string(), "--speaking-time", seconds(options_.speakingTime)});
+        "speech",
+        std::vector<std::string>{"--folder", folder_.string(), "--speaking-time", seconds(options_.speakingTime)});
 }
 
 void PrivateSpeechDispatcher::stop()
@@ -462,8 +463,8 @@ std::optional<double> soxRoughFrequency(const std::vector<std::int16_t>& samples
             file.put(static_cast<char>(value >> 8));
         }
     }
-    const CommandResult result = runCommand({"sox", "-t", "raw", "-r", std::to_string(sampleRate), "-e", "signed",
-                                             "-b", "16", "-c", "1", raw.string(), "-n", "stat"},
+    const CommandResult result = runCommand({"sox", "-t", "raw", "-r", std::to_string(sampleRate), "-e", "signed", "-b",
+                                             "16", "-c", "1", raw.string(), "-n", "stat"},
                                             {}, 30s);
     static const std::regex rough(R"(Rough\s+frequency:\s+(-?\d+))");
     std::smatch match;
@@ -487,8 +488,8 @@ bool PrivateOrca::canIsolate()
 PrivateOrca::PrivateOrca(const Options& options)
     : debugLog_(options.folder / "orca-debug.log")
 {
-    std::vector<std::string> arguments{"--folder", options.folder.string(), "--display", options.display,
-                                       "--session-bus", options.sessionBusAddress};
+    std::vector<std::string> arguments{"--folder",      options.folder.string(), "--display",
+                                       options.display, "--session-bus",         options.sessionBusAddress};
     if (!options.speechAddress.empty())
         arguments.insert(arguments.end(), {"--speech", options.speechAddress});
     try {
@@ -506,9 +507,7 @@ PrivateOrca::~PrivateOrca() = default;
 bool PrivateOrca::waitUntilListening(std::chrono::milliseconds timeout) const
 {
     return waitUntil(
-        [&] {
-            return readFile(debugLog_).find("registering listener for: window:destroy") != std::string::npos;
-        },
+        [&] { return readFile(debugLog_).find("registering listener for: window:destroy") != std::string::npos; },
         timeout, 50ms);
 }
 

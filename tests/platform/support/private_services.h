@@ -287,8 +287,8 @@ struct Segment
 
 /// The stretches where the sound is louder than `threshold` (of full scale) in 10 ms windows,
 /// stretches closer than `gap` joined.
-std::vector<Segment> soundSegments(const std::vector<std::int16_t>& samples, int sampleRate,
-                                   double threshold = 0.02, std::chrono::milliseconds gap = 30ms);
+std::vector<Segment> soundSegments(const std::vector<std::int16_t>& samples, int sampleRate, double threshold = 0.02,
+                                   std::chrono::milliseconds gap = 30ms);
 
 /// sox's "Rough frequency" (from `sox FILE -n stat`) of 16-bit signed mono samples at
 /// `sampleRate`; nothing when sox fails.
