@@ -58,7 +58,7 @@ portable=${PLINKORA_PORTABLE_BUILD_DIR:-build-portable}
 cmake -S . -B "$portable" -DCMAKE_BUILD_TYPE=Debug -DPLINKORA_WERROR=ON -DPLINKORA_BUILD_BENCH=OFF \
     -DPLINKORA_WITH_JACK=OFF -DPLINKORA_WITH_ALSA=OFF -DPLINKORA_WITH_SPEECHD=OFF -DPLINKORA_WITH_X11=OFF \
     -DPLINKORA_WITH_FLUIDSYNTH=OFF
-engine_tests=(midi_test midi_allocation_test midi_connections_test input_test key_table_test benders_test properties_test)
+engine_tests=(common_test midi_test midi_system_test midi_allocation_test midi_connections_test input_test key_table_test benders_test properties_test)
 cmake --build "$portable" -j"$(nproc)" --target "${engine_tests[@]}"
 (cd "$portable" && ctest --output-on-failure --timeout 300 -j"$jobs" -E "_NOT_BUILT$")
 echo "== build without the Linux-only facilities, engine tests: $((SECONDS - began)) s"
