@@ -9,10 +9,32 @@
 #include <QLayout>
 #include <QMenu>
 #include <QMenuBar>
+#include <QPainter>
 #include <QScreen>
 #include <QStatusBar>
+#include <QStyle>
 
 namespace plinkora {
+
+namespace {
+/// Shows as much of its text as fits, ending in "…", where a long list of connections would be
+/// cut at its start; its text, tooltip and accessible name stay whole.
+class ElidedLabel final : public QLabel
+{
+public:
+    using QLabel::QLabel;
+
+protected:
+    void paintEvent(QPaintEvent*) override
+    {
+        QPainter painter(this);
+        const QRect area = contentsRect();
+        const QString shown = fontMetrics().elidedText(text(), Qt::ElideRight, area.width());
+        style()->drawItemText(&painter, area, static_cast<int>(alignment()), palette(), isEnabled(), shown,
+                              foregroundRole());
+    }
+};
+} // namespace
 
 MainWindow::MainWindow(KeyboardMonitor& keyboardMonitor)
     : QMainWindow(nullptr)
@@ -29,7 +51,7 @@ MainWindow::MainWindow(KeyboardMonitor& keyboardMonitor)
     announcementLabel_ = new AnnouncementLabel(bar);
     bar->addWidget(announcementLabel_, 1);
     // On the right, where the announcements leave it room; it never widens the window.
-    connectionStatusLabel_ = new QLabel(bar);
+    connectionStatusLabel_ = new ElidedLabel(bar);
     connectionStatusLabel_->setTextFormat(Qt::PlainText);
     connectionStatusLabel_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     connectionStatusLabel_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
