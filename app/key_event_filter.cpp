@@ -71,18 +71,27 @@ bool isModifierPosition(KeyCode code)
     }
 }
 
+// The keys Qt names Control and Meta, by position: on macOS Qt's Control is Command and its Meta
+// is Control; elsewhere they are Control and the Windows (Super) key.
+struct ModifierPair
+{
+    KeyCode left;
+    KeyCode right;
+};
+#ifdef Q_OS_MACOS
+constexpr ModifierPair kQtControl{kKeyCommand, kKeyRightCommand};
+constexpr ModifierPair kQtMeta{kKeyControl, kKeyRightControl};
+#else
+constexpr ModifierPair kQtControl{kKeyControl, kKeyRightControl};
+constexpr ModifierPair kQtMeta{kKeyCommand, kKeyRightCommand};
+#endif
+
 // A modifier key whose position is unknown (no native code, as in synthesised events): the
 // position of the left key of its kind.
 KeyCode modifierPositionOfQtKey(int key)
 {
-#ifdef Q_OS_MACOS
-    // Qt on macOS: Key_Control is Command, Key_Meta is Control.
-    constexpr KeyCode control = kKeyCommand;
-    constexpr KeyCode meta = kKeyControl;
-#else
-    constexpr KeyCode control = kKeyControl;
-    constexpr KeyCode meta = kKeyCommand;
-#endif
+    constexpr KeyCode control = kQtControl.left;
+    constexpr KeyCode meta = kQtMeta.left;
     switch (key) {
     case Qt::Key_Shift:
         return kKeyShift;
@@ -96,7 +105,7 @@ KeyCode modifierPositionOfQtKey(int key)
     case Qt::Key_Super_L:
         return meta;
     case Qt::Key_Super_R:
-        return meta == kKeyCommand ? kKeyRightCommand : kKeyRightControl;
+        return kQtMeta.right;
     default:
         return kNoKeyCode;
     }
@@ -145,13 +154,9 @@ void KeyEventFilter::remove()
 
 std::uint64_t KeyEventFilter::heldModifierFlags() const
 {
-#ifdef Q_OS_MACOS
-    constexpr KeyCode command = kKeyCommand;
-    constexpr KeyCode rightCommand = kKeyRightCommand;
-#else
-    constexpr KeyCode command = kKeyControl;
-    constexpr KeyCode rightCommand = kKeyRightControl;
-#endif
+    // The command flag follows the key Qt calls Control: Command on macOS, Control elsewhere.
+    constexpr KeyCode command = kQtControl.left;
+    constexpr KeyCode rightCommand = kQtControl.right;
     std::uint64_t flags = 0;
     if (heldModifiers_.test(kKeyShift) || heldModifiers_.test(kKeyRightShift))
         flags |= kShiftFlag;

@@ -125,47 +125,43 @@ void ScreenReaderMonitor::callFinished()
     }
 }
 
-void ScreenReaderMonitor::watch(QDBusPendingCallWatcher* watcher)
+void ScreenReaderMonitor::ask(const QDBusConnection& bus, const QDBusMessage& message,
+                              std::function<void(QDBusPendingCallWatcher&)> answered)
 {
+    auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(message, kCallTimeoutMs), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, watcher, &QDBusPendingCallWatcher::deleteLater);
+    callStarted();
+    connect(watcher, &QDBusPendingCallWatcher::finished, this,
+            [this, answered = std::move(answered), generation = generation_](QDBusPendingCallWatcher* call) {
+                if (generation != generation_)
+                    return; // an answer to a refresh that has been replaced
+                answered(*call);
+                callFinished();
+            });
 }
 
 void ScreenReaderMonitor::askSwitch()
 {
     QDBusMessage message = methodCall(kBusService, kBusPath, kPropertiesInterface, QStringLiteral("Get"));
     message << kStatusInterface << kScreenReaderEnabled;
-    auto* watcher = new QDBusPendingCallWatcher(sessionBus_.asyncCall(message, kCallTimeoutMs), this);
-    watch(watcher);
-    callStarted();
-    connect(watcher, &QDBusPendingCallWatcher::finished, this,
-            [this, generation = generation_](QDBusPendingCallWatcher* call) {
-                if (generation != generation_)
-                    return;
-                QDBusPendingReply<QDBusVariant> reply = *call;
-                setSwitch(!reply.isError() && reply.value().variant().toBool());
-                update();
-                callFinished();
-            });
+    ask(sessionBus_, message, [this](QDBusPendingCallWatcher& call) {
+        QDBusPendingReply<QDBusVariant> reply = call;
+        setSwitch(!reply.isError() && reply.value().variant().toBool());
+        update();
+    });
 }
 
 void ScreenReaderMonitor::askAccessibilityBusAddress()
 {
     QDBusMessage message = methodCall(kBusService, kBusPath, kBusInterface, QStringLiteral("GetAddress"));
-    auto* watcher = new QDBusPendingCallWatcher(sessionBus_.asyncCall(message, kCallTimeoutMs), this);
-    watch(watcher);
-    callStarted();
-    connect(watcher, &QDBusPendingCallWatcher::finished, this,
-            [this, generation = generation_](QDBusPendingCallWatcher* call) {
-                if (generation != generation_)
-                    return;
-                QDBusPendingReply<QString> reply = *call;
-                if (reply.isError() || reply.value().isEmpty())
-                    dropAccessibilityBus();
-                else
-                    useAccessibilityBus(reply.value());
-                update();
-                callFinished();
-            });
+    ask(sessionBus_, message, [this](QDBusPendingCallWatcher& call) {
+        QDBusPendingReply<QString> reply = call;
+        if (reply.isError() || reply.value().isEmpty())
+            dropAccessibilityBus();
+        else
+            useAccessibilityBus(reply.value());
+        update();
+    });
 }
 
 void ScreenReaderMonitor::useAccessibilityBus(const QString& address)
@@ -214,43 +210,36 @@ void ScreenReaderMonitor::askRegisteredListeners()
         return;
     QDBusMessage message = methodCall(kRegistryService, kRegistryPath, kRegistryInterface,
                                       QStringLiteral("GetRegisteredEvents"));
-    auto* watcher = new QDBusPendingCallWatcher(accessibilityBus_->asyncCall(message, kCallTimeoutMs), this);
-    watch(watcher);
-    callStarted();
-    connect(watcher, &QDBusPendingCallWatcher::finished, this,
-            [this, generation = generation_](QDBusPendingCallWatcher* call) {
-                if (generation != generation_)
-                    return;
-                const QDBusMessage reply = call->reply();
-                QSet<QString> listening;
-                if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
-                    const auto listeners = reply.arguments().constFirst().value<QDBusArgument>();
-                    listeners.beginArray();
-                    while (!listeners.atEnd()) {
-                        QString busName;
-                        QString event;
-                        listeners.beginStructure();
-                        listeners >> busName >> event;
-                        listeners.endStructure();
-                        listening.insert(busName);
-                    }
-                    listeners.endArray();
-                }
-                for (auto it = checkedListeners_.begin(); it != checkedListeners_.end();) {
-                    if (listening.contains(it.key())) {
-                        ++it;
-                    } else {
-                        orcaNames_.remove(it.key());
-                        it = checkedListeners_.erase(it);
-                    }
-                }
-                for (const QString& busName : std::as_const(listening)) {
-                    if (!checkedListeners_.contains(busName))
-                        checkListener(busName);
-                }
-                update();
-                callFinished();
-            });
+    ask(*accessibilityBus_, message, [this](QDBusPendingCallWatcher& call) {
+        const QDBusMessage reply = call.reply();
+        QSet<QString> listening;
+        if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
+            const auto listeners = reply.arguments().constFirst().value<QDBusArgument>();
+            listeners.beginArray();
+            while (!listeners.atEnd()) {
+                QString busName;
+                QString event;
+                listeners.beginStructure();
+                listeners >> busName >> event;
+                listeners.endStructure();
+                listening.insert(busName);
+            }
+            listeners.endArray();
+        }
+        for (auto it = checkedListeners_.begin(); it != checkedListeners_.end();) {
+            if (listening.contains(it.key())) {
+                ++it;
+            } else {
+                orcaNames_.remove(it.key());
+                it = checkedListeners_.erase(it);
+            }
+        }
+        for (const QString& busName : std::as_const(listening)) {
+            if (!checkedListeners_.contains(busName))
+                checkListener(busName);
+        }
+        update();
+    });
 }
 
 void ScreenReaderMonitor::checkListener(const QString& busName)
@@ -261,23 +250,16 @@ void ScreenReaderMonitor::checkListener(const QString& busName)
     QDBusMessage message = methodCall(kDBusService, kDBusPath, kDBusInterface,
                                       QStringLiteral("GetConnectionUnixProcessID"));
     message << busName;
-    auto* watcher = new QDBusPendingCallWatcher(accessibilityBus_->asyncCall(message, kCallTimeoutMs), this);
-    watch(watcher);
-    callStarted();
-    connect(watcher, &QDBusPendingCallWatcher::finished, this,
-            [this, busName, generation = generation_](QDBusPendingCallWatcher* call) {
-                if (generation != generation_)
-                    return;
-                QDBusPendingReply<uint> reply = *call;
-                // The name may have left the bus while we asked: then it is no longer listed.
-                if (!reply.isError() && checkedListeners_.contains(busName)
-                    && isScreenReaderProcessName(processName(reply.value()))) {
-                    checkedListeners_.insert(busName, true);
-                    orcaNames_.insert(busName);
-                    update();
-                }
-                callFinished();
-            });
+    ask(*accessibilityBus_, message, [this, busName](QDBusPendingCallWatcher& call) {
+        QDBusPendingReply<uint> reply = call;
+        // The name may have left the bus while we asked: then it is no longer listed.
+        if (!reply.isError() && checkedListeners_.contains(busName)
+            && isScreenReaderProcessName(processName(reply.value()))) {
+            checkedListeners_.insert(busName, true);
+            orcaNames_.insert(busName);
+            update();
+        }
+    });
 }
 
 void ScreenReaderMonitor::forgetListener(const QString& busName)

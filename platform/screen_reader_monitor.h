@@ -11,8 +11,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <optional>
 
+class QDBusMessage;
 class QDBusPendingCallWatcher;
 class QDBusServiceWatcher;
 
@@ -95,7 +97,9 @@ private:
     // Outstanding asynchronous calls of the current refresh; refreshed() when it falls to 0.
     void callStarted();
     void callFinished();
-    void watch(QDBusPendingCallWatcher* watcher);
+    // Sends `message` on `bus`; `answered` runs with its reply unless a newer refresh began since.
+    void ask(const QDBusConnection& bus, const QDBusMessage& message,
+             std::function<void(QDBusPendingCallWatcher&)> answered);
 
     QDBusConnection sessionBus_;
     std::optional<QDBusConnection> accessibilityBus_;
