@@ -42,6 +42,7 @@ std::string alternatives(const std::vector<std::string>& names)
 std::string validNames()
 {
     std::vector<std::string> names;
+    names.reserve(kMIDIApis.size());
     for (const auto& api : kMIDIApis)
         names.emplace_back(api.name);
     return alternatives(names);

@@ -4,10 +4,18 @@
 
 #ifdef PLINKORA_HAVE_XCB
 #include <xcb/xcb.h>
-// xkb.h is C and names a structure member `explicit`, a C++ keyword: renamed while it is read.
+// xkb.h is C and names a structure member `explicit`, a C++ keyword: renamed while it is read
+// (on purpose, so clang's warning about a macro hiding a keyword is off for these lines).
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wkeyword-macro"
+#endif
 #define explicit xkb_explicit
 #include <xcb/xkb.h>
 #undef explicit
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif
 
 #include <cstdlib>
 #include <memory>
