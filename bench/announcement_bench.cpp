@@ -245,7 +245,9 @@ void BM_PropertyChangeOnly_CountingVoice(benchmark::State& state)
 }
 BENCHMARK(BM_PropertyChangeOnly_CountingVoice)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
-void BM_AnnouncementLabel_announce(benchmark::State& state)
+// The label's announce, timed alone or with the repaint that follows it (in the program the
+// repaint comes on the event loop, after the job); layout and repaint otherwise untimed.
+void measureAnnouncementLabel(benchmark::State& state, bool repaintAtOnce)
 {
     AnnouncementLabel& label = countingDesktop().label();
     const QString texts[2] = {QStringLiteral("100"), QStringLiteral("101")};
@@ -255,34 +257,26 @@ void BM_AnnouncementLabel_announce(benchmark::State& state)
     for (auto _ : state) {
         const Clock::time_point start = Clock::now();
         label.announce(texts[i++ & 1]);
-        const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-        state.SetIterationTime(seconds);
-        slowest = std::max(slowest, seconds);
-        eventLoopTurn(); // layout and repaint, untimed
-    }
-    state.counters["max_us"] = benchmark::Counter(slowest * 1e6);
-}
-BENCHMARK(BM_AnnouncementLabel_announce)->UseManualTime()->Unit(benchmark::kMicrosecond);
-
-// What showing the text costs on screen: the label repainted at once (in the program the repaint
-// follows on the event loop, after the job).
-void BM_AnnouncementLabel_announceAndRepaint(benchmark::State& state)
-{
-    AnnouncementLabel& label = countingDesktop().label();
-    const QString texts[2] = {QStringLiteral("100"), QStringLiteral("101")};
-    eventLoopTurn();
-    double slowest = 0;
-    std::size_t i = 0;
-    for (auto _ : state) {
-        const Clock::time_point start = Clock::now();
-        label.announce(texts[i++ & 1]);
-        label.repaint();
+        if (repaintAtOnce)
+            label.repaint();
         const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
         state.SetIterationTime(seconds);
         slowest = std::max(slowest, seconds);
         eventLoopTurn();
     }
     state.counters["max_us"] = benchmark::Counter(slowest * 1e6);
+}
+
+void BM_AnnouncementLabel_announce(benchmark::State& state)
+{
+    measureAnnouncementLabel(state, false);
+}
+BENCHMARK(BM_AnnouncementLabel_announce)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+// What showing the text costs on screen: the label repainted at once.
+void BM_AnnouncementLabel_announceAndRepaint(benchmark::State& state)
+{
+    measureAnnouncementLabel(state, true);
 }
 BENCHMARK(BM_AnnouncementLabel_announceAndRepaint)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
