@@ -9,6 +9,8 @@
 #include "platform/screen_reader_monitor.h"
 #if defined(PLINKORA_HAVE_SPEECHD)
 #include "platform/speech_dispatcher_voice.h"
+#elif defined(PLINKORA_HAVE_QT_SPEECH)
+#include "platform/qt_speech_voice.h"
 #endif
 
 #include <QPointer>
@@ -128,6 +130,8 @@ std::unique_ptr<Announcer> DesktopServices::makeAnnouncer()
     if (!voice_) {
 #if defined(PLINKORA_HAVE_SPEECHD)
         voice_ = std::make_unique<SpeechDispatcherVoice>();
+#elif defined(PLINKORA_HAVE_QT_SPEECH)
+        voice_ = std::make_unique<QtSpeechVoice>();
 #else
         voice_ = std::make_unique<SilentVoice>();
 #endif

@@ -27,6 +27,7 @@ tests=(
     libx11-dev libxtst-dev x11-xserver-utils jack-keyboard
     clang libclang-rt-14-dev python3-xlib
     clang-format clang-tidy
+    qt6-speech-dev qt6-declarative-dev
     sway libxkbcommon-tools
     pipewire pipewire-bin wireplumber pipewire-jack
 )

@@ -27,6 +27,11 @@ FluidEngine::~FluidEngine() = default;
 
 void FluidEngine::load(const std::string&) {}
 void FluidEngine::retryAudio() {}
+void FluidEngine::setDrivers(std::vector<std::string>) {}
+std::vector<std::string> FluidEngine::availableDrivers()
+{
+    return {}; // no audio output at all
+}
 void FluidEngine::setPlaying(bool playing)
 {
     playing_ = playing;
