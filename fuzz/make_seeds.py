@@ -135,6 +135,43 @@ def settings_seeds():
                                                     (1, b"256"), (2, b"+"), (3, b"1e2"), (0, "\u00e9".encode())))
 
 
+def riff_chunk(tag, data):
+    return tag + len(data).to_bytes(4, "little") + data + (b"\0" if len(data) % 2 else b"")
+
+
+def sound_font(presets, order=("phdr", "pbag", "pmod", "pgen", "inst", "ibag", "imod", "igen", "shdr")):
+    """A small SoundFont 2 file: presets as (bank, program, [zone sizes]), one modulator a zone."""
+    phdr, pbag, pmod, pgen = b"", b"", b"", b""
+    bag = gen = mod = 0
+    le16 = lambda value: value.to_bytes(2, "little")
+    for bank, program, zones in presets:
+        phdr += b"preset".ljust(20, b"\0") + le16(program) + le16(bank) + le16(bag) + bytes(12)
+        for size in zones:
+            pbag += le16(gen) + le16(mod)
+            pgen += b"".join(le16(43) + le16(0x7F00 + i) for i in range(size - 1)) + le16(41) + le16(0)
+            pmod += le16(0x0502) + le16(48) + le16(program) + le16(bank) + le16(0)
+            bag, gen, mod = bag + 1, gen + size, mod + 1
+    phdr += b"EOP".ljust(20, b"\0") + bytes(4) + le16(bag) + bytes(12)
+    pbag += le16(gen) + le16(mod)
+    chunks = {"phdr": phdr, "pbag": pbag, "pmod": pmod + bytes(10), "pgen": pgen + bytes(4),
+              "inst": b"inst".ljust(20, b"\0") + bytes(2) + b"EOI".ljust(20, b"\0") + le16(1),
+              "ibag": bytes(8), "imod": bytes(10), "igen": le16(53) + bytes(2) + bytes(4), "shdr": bytes(92)}
+    pdta = b"pdta" + b"".join(riff_chunk(tag.encode(), chunks[tag]) for tag in order)
+    body = (b"sfbk" + riff_chunk(b"LIST", b"INFO" + riff_chunk(b"ifil", b"\2\0\1\0"))
+            + riff_chunk(b"LIST", b"sdta" + riff_chunk(b"smpl", bytes(range(101))))
+            + riff_chunk(b"LIST", pdta))
+    return riff_chunk(b"RIFF", body)
+
+
+def sound_font_seeds():
+    write("sound_font_fuzzer", "general_midi_like", sound_font([(0, 0, [2]), (0, 5, [1, 2]), (128, 0, [1])]))
+    write("sound_font_fuzzer", "one_preset", sound_font([(0, 0, [1])]))
+    write("sound_font_fuzzer", "same_numbers_twice", sound_font([(0, 3, [2]), (0, 3, [1]), (8, 3, [3])]))
+    write("sound_font_fuzzer", "out_of_order", sound_font([(0, 0, [1])], order=(
+        "phdr", "pmod", "pbag", "pgen", "inst", "ibag", "imod", "igen", "shdr")))
+
+
 if __name__ == "__main__":
     key_seeds()
     settings_seeds()
+    sound_font_seeds()

@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 
 seconds=${1:-60}
 build=${PLINKORA_FUZZ_BUILD_DIR:-build-fuzz}
-targets=(key_events_fuzzer settings_fuzzer)
+targets=(key_events_fuzzer settings_fuzzer sound_font_fuzzer)
 
 CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DPLINKORA_WERROR=ON -DPLINKORA_FUZZ=ON \
     -DPLINKORA_BUILD_TESTS=OFF -DPLINKORA_BUILD_BENCH=OFF >/dev/null

@@ -3,6 +3,7 @@
 #include "common/diagnostics.h"
 #include "midi/midi_service_probe.h"
 #include "midi/port_name.h"
+#include "synth/sound_font_presets.h"
 
 #if defined(PLINKORA_HAVE_ALSA)
 #include <alsa/asoundlib.h>
@@ -11,11 +12,14 @@
 
 #include <QMetaObject>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <mutex>
 
+#include <fcntl.h>
 #include <malloc.h>
 #include <unistd.h>
 
@@ -86,7 +90,110 @@ class QuietAlsa // no alsa-lib in this build: nothing to quieten
 };
 #endif
 
+// Fonts cut down to the presets in use reach FluidSynth through a loader whose file callbacks
+// read them. FluidSynth opens a font by its name, also later for the samples of a program it is
+// given, so each cut-down font is known by a name of its own for as long as a synthesizer has it.
+class CutDownFonts
+{
+public:
+    static std::string add(std::shared_ptr<const SoundFontSubset> font, const std::string& original)
+    {
+        const std::lock_guard lock(mutex());
+        static std::uint64_t counter = 0;
+        std::string name = "plinkora-presets:" + std::to_string(++counter) + ":" + original;
+        fonts()[name] = {std::move(font), original};
+        return name;
+    }
+    static void remove(const std::string& name)
+    {
+        const std::lock_guard lock(mutex());
+        fonts().erase(name);
+    }
+
+    // FluidSynth's file callbacks, on one open font.
+    static void* open(const char* name)
+    {
+        Entry entry;
+        {
+            const std::lock_guard lock(mutex());
+            const auto found = fonts().find(name);
+            if (found == fonts().end())
+                return nullptr;
+            entry = found->second;
+        }
+        const int fd = ::open(entry.original.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0)
+            return nullptr;
+        return new OpenFont{std::move(entry.font), fd, fileBytes(fd), 0};
+    }
+    static int read(void* buffer, fluid_long_long_t count, void* handle)
+    {
+        auto& file = *static_cast<OpenFont*>(handle);
+        if (count < 0
+            || !file.font->read(file.position,
+                                std::span(static_cast<std::uint8_t*>(buffer), static_cast<std::size_t>(count)),
+                                file.original))
+            return FLUID_FAILED;
+        file.position += static_cast<std::uint64_t>(count);
+        return FLUID_OK;
+    }
+    static int seek(void* handle, fluid_long_long_t offset, int origin)
+    {
+        auto& file = *static_cast<OpenFont*>(handle);
+        const auto base = static_cast<fluid_long_long_t>(origin == SEEK_CUR       ? file.position
+                                                             : origin == SEEK_END ? file.font->size()
+                                                                                  : 0);
+        if (base + offset < 0 || static_cast<std::uint64_t>(base + offset) > file.font->size())
+            return FLUID_FAILED;
+        file.position = static_cast<std::uint64_t>(base + offset);
+        return FLUID_OK;
+    }
+    static fluid_long_long_t tell(void* handle)
+    {
+        return static_cast<fluid_long_long_t>(static_cast<OpenFont*>(handle)->position);
+    }
+    static int close(void* handle)
+    {
+        auto* file = static_cast<OpenFont*>(handle);
+        ::close(file->fd);
+        delete file;
+        return FLUID_OK;
+    }
+
+private:
+    struct Entry
+    {
+        std::shared_ptr<const SoundFontSubset> font;
+        std::string original;
+    };
+    struct OpenFont
+    {
+        std::shared_ptr<const SoundFontSubset> font;
+        int fd;
+        ByteSource original;
+        std::uint64_t position;
+    };
+    static std::mutex& mutex()
+    {
+        static std::mutex instance;
+        return instance;
+    }
+    static std::map<std::string, Entry>& fonts()
+    {
+        static std::map<std::string, Entry> instance;
+        return instance;
+    }
+};
+
 } // namespace
+
+/// A font cut down to some presets, loaded into a synthesizer.
+struct FluidEngine::CutDownFont
+{
+    int id = FLUID_FAILED;
+    std::string name; // its name for FluidSynth's file callbacks
+    std::set<PresetNumber> presets;
+};
 
 /// A synthesizer with its settings, loaded font and audio output, deleted in the right order.
 struct FluidEngine::Instance
@@ -94,6 +201,12 @@ struct FluidEngine::Instance
     fluid_settings_t* settings = nullptr;
     fluid_synth_t* synth = nullptr;
     fluid_audio_driver_t* driver = nullptr;
+    /// The font's presets, when it is loaded cut down to those in use; otherwise it is loaded whole.
+    std::optional<SoundFontPresets> presets;
+    std::string soundFont;
+    CutDownFont loaded;
+    /// Cut-down fonts replaced by a larger one, unloaded once no channel has a preset of theirs.
+    std::vector<CutDownFont> retired;
 
     explicit Instance(const std::string& audioFile)
     {
@@ -117,6 +230,12 @@ struct FluidEngine::Instance
         if (!audioFile.empty())
             fluid_settings_setstr(settings, "audio.file.name", audioFile.c_str());
         synth = new_fluid_synth(settings);
+        if (synth) {
+            fluid_sfloader_t* loader = new_fluid_defsfloader(settings);
+            fluid_sfloader_set_callbacks(loader, CutDownFonts::open, CutDownFonts::read, CutDownFonts::seek,
+                                         CutDownFonts::tell, CutDownFonts::close);
+            fluid_synth_add_sfloader(synth, loader); // the synthesizer owns it
+        }
     }
     ~Instance()
     {
@@ -124,6 +243,9 @@ struct FluidEngine::Instance
         if (synth)
             delete_fluid_synth(synth);
         delete_fluid_settings(settings);
+        CutDownFonts::remove(loaded.name);
+        for (const CutDownFont& font : retired)
+            CutDownFonts::remove(font.name);
     }
     Instance(const Instance&) = delete;
     Instance& operator=(const Instance&) = delete;
@@ -140,9 +262,34 @@ struct FluidEngine::Instance
             delete_fluid_audio_driver(driver);
         driver = nullptr;
     }
+
+    /// Loads the font cut down to `presets` (on top of any font loaded already). FLUID_FAILED as
+    /// its id when it cannot be read.
+    CutDownFont loadCutDown(const std::set<PresetNumber>& kept, bool resetPresets) const
+    {
+        auto font = presets->subset(kept);
+        CutDownFont cutDown{
+            FLUID_FAILED, CutDownFonts::add(font, soundFont), {font->presets().begin(), font->presets().end()}};
+        cutDown.id = fluid_synth_sfload(synth, cutDown.name.c_str(), resetPresets ? 1 : 0);
+        if (cutDown.id == FLUID_FAILED) {
+            CutDownFonts::remove(cutDown.name);
+            cutDown.name.clear();
+        }
+        return cutDown;
+    }
+
+    /// Whether the synthesizer has the preset `program` on `channel` would choose.
+    bool canSelect(int channel, int program) const
+    {
+        if (!presets)
+            return true;
+        const std::optional<PresetNumber> chosen = chosenPreset(*presets, channel, program);
+        return !chosen || loaded.presets.contains(*chosen);
+    }
 };
 
-/// What the worker did: a new synthesizer (with the font), the output that opened, the lines.
+/// What the worker did: a new synthesizer (with the font), the output that opened, the lines; or
+/// a larger cut-down font for the synthesizer in use (of `generation`).
 struct FluidEngine::Outcome
 {
     std::unique_ptr<Instance> instance;
@@ -150,7 +297,24 @@ struct FluidEngine::Outcome
     std::string driverName;
     std::string problem;
     std::vector<std::string> drivers; // those tried
+    std::uint64_t generation = 0;
+    CutDownFont extension;
 };
+
+namespace {
+
+// The presets that the channels' programs choose (program 0 where none was given).
+std::set<PresetNumber> presetsInUse(const SoundFontPresets& font, const std::array<std::int16_t, 16>& programs)
+{
+    std::set<PresetNumber> inUse;
+    for (int channel = 0; channel < 16; ++channel)
+        if (const auto chosen = chosenPreset(font, channel,
+                                             std::max<int>(programs[static_cast<std::size_t>(channel)], 0)))
+            inUse.insert(*chosen);
+    return inUse;
+}
+
+} // namespace
 
 // Opens the first of `drivers` that works for `instance`: its name, or empty and `problem` set to
 // the line that says why none did. Outputs that this FluidSynth does not have are passed over.
@@ -218,14 +382,15 @@ void FluidEngine::waitForWorker()
         worker_.join();
 }
 
-void FluidEngine::startWorker(std::function<void(Outcome&)> job)
+void FluidEngine::startWorker(std::function<void(Outcome&)> job,
+                              void (FluidEngine::*done)(const std::shared_ptr<Outcome>&))
 {
     waitForWorker();
-    worker_ = std::thread([this, job = std::move(job)] {
+    worker_ = std::thread([this, job = std::move(job), done] {
         auto outcome = std::make_shared<Outcome>();
         job(*outcome);
         QMetaObject::invokeMethod(
-            &context_, [this, outcome] { finish(outcome); }, Qt::QueuedConnection);
+            &context_, [this, outcome, done] { (this->*done)(outcome); }, Qt::QueuedConnection);
     });
 }
 
@@ -233,24 +398,81 @@ void FluidEngine::load(const std::string& soundFont)
 {
     const std::vector<std::string> drivers = options_.drivers;
     const std::string audioFile = options_.audioFile;
-    startWorker([soundFont, drivers, audioFile](Outcome& outcome) {
-        outcome.soundFont = soundFont;
-        std::error_code error;
-        if (!std::filesystem::is_regular_file(soundFont, error)) {
-            outcome.problem = "Sound font not found: " + soundFont;
-            return;
-        }
-        auto instance = std::make_unique<Instance>(audioFile);
-        if (!instance->synth || fluid_synth_sfload(instance->synth, soundFont.c_str(), 1) == FLUID_FAILED) {
-            outcome.problem = "Sound font could not be read: " + soundFont;
-            return;
-        }
-        outcome.driverName = openFirstDriver(*instance, drivers, outcome.problem);
-        outcome.drivers = drivers;
-        outcome.instance = std::move(instance);
-        // Reading the font leaves about 2 MiB freed but still resident in this thread's heap.
-        malloc_trim(0);
-    });
+    const std::array<std::int16_t, 16> programs = programs_;
+    startWorker(
+        [soundFont, drivers, audioFile, programs](Outcome& outcome) {
+            outcome.soundFont = soundFont;
+            std::error_code error;
+            if (!std::filesystem::is_regular_file(soundFont, error)) {
+                outcome.problem = "Sound font not found: " + soundFont;
+                return;
+            }
+            auto instance = std::make_unique<Instance>(audioFile);
+            instance->soundFont = soundFont;
+            if (instance->synth) {
+                // Cut down to the presets in use; a font that cannot be cut down is read whole.
+                std::string why;
+                instance->presets = SoundFontPresets::read(soundFont, why);
+                if (instance->presets)
+                    instance->loaded = instance->loadCutDown(presetsInUse(*instance->presets, programs), true);
+                if (instance->loaded.id == FLUID_FAILED)
+                    instance->presets.reset();
+            }
+            if (!instance->synth
+                || (!instance->presets && fluid_synth_sfload(instance->synth, soundFont.c_str(), 1) == FLUID_FAILED)) {
+                outcome.problem = "Sound font could not be read: " + soundFont;
+                return;
+            }
+            outcome.driverName = openFirstDriver(*instance, drivers, outcome.problem);
+            outcome.drivers = drivers;
+            outcome.instance = std::move(instance);
+            // Reading the font leaves freed memory resident in this thread's heap.
+            malloc_trim(0);
+        },
+        &FluidEngine::finish);
+}
+
+void FluidEngine::ensurePresets()
+{
+    // One load at a time: a load under way ends by coming here again.
+    if (!instance_ || !instance_->presets || worker_.joinable())
+        return;
+    const std::set<PresetNumber> wanted = presetsInUse(*instance_->presets, programs_);
+    const std::set<PresetNumber>& loaded = instance_->loaded.presets;
+    if (std::includes(loaded.begin(), loaded.end(), wanted.begin(), wanted.end()))
+        return;
+    const Instance* instance = instance_.get();
+    const std::uint64_t generation = generation_;
+    startWorker(
+        [instance, wanted, generation](Outcome& outcome) {
+            outcome.generation = generation;
+            outcome.extension = instance->loadCutDown(wanted, false);
+            malloc_trim(0);
+        },
+        &FluidEngine::finishExtension);
+}
+
+void FluidEngine::finishExtension(const std::shared_ptr<Outcome>& outcome)
+{
+    waitForWorker();
+    CutDownFont& font = outcome->extension;
+    if (!instance_ || outcome->generation != generation_) {
+        CutDownFonts::remove(font.name); // its synthesizer has gone
+        return;
+    }
+    Instance& instance = *instance_;
+    if (font.id == FLUID_FAILED) {
+        // The file cannot be read any more: the presets loaded play on, and other programs fall
+        // back to them.
+        instance.presets.reset();
+        report("Sound font could not be read: " + instance.soundFont);
+        selectPrograms();
+        return;
+    }
+    instance.retired.push_back(std::exchange(instance.loaded, std::move(font)));
+    // Every channel takes its preset from the new font, on top of the old one.
+    fluid_synth_program_reset(instance.synth);
+    selectPrograms();
 }
 
 void FluidEngine::retryAudio()
@@ -331,6 +553,7 @@ void FluidEngine::adopt(std::unique_ptr<Instance> instance)
 {
     idleTimer_.stop();
     heldNotes_.fill(0);
+    ++generation_;
     instance_ = std::move(instance); // the old synthesizer and its output go
     suspended_ = false;
     restoreChannels();
@@ -345,11 +568,35 @@ void FluidEngine::restoreChannels()
         for (int controller = 0; controller < 128; ++controller)
             if (controllers_[channel][controller] >= 0)
                 fluid_synth_cc(synth, channel, controller, controllers_[channel][controller]);
-        if (programs_[channel] >= 0)
-            fluid_synth_program_change(synth, channel, programs_[channel]);
         if (bends_[channel] >= 0)
             fluid_synth_pitch_bend(synth, channel, bends_[channel]);
     }
+    selectPrograms();
+}
+
+void FluidEngine::selectPrograms()
+{
+    fluid_synth_t* synth = instance_->synth;
+    for (int channel = 0; channel < 16; ++channel) {
+        const int program = programs_[static_cast<std::size_t>(channel)];
+        if (program >= 0 && instance_->canSelect(channel, program))
+            fluid_synth_program_change(synth, channel, program);
+    }
+    // Cut-down fonts replaced by a larger one go once no channel has a preset of theirs (the
+    // voices still sounding keep theirs until they end).
+    std::erase_if(instance_->retired, [synth](const CutDownFont& font) {
+        for (int channel = 0; channel < 16; ++channel) {
+            int id = FLUID_FAILED;
+            int bank = 0;
+            int program = 0;
+            if (fluid_synth_get_program(synth, channel, &id, &bank, &program) == FLUID_OK && id == font.id)
+                return false;
+        }
+        fluid_synth_sfunload(synth, font.id, 0);
+        CutDownFonts::remove(font.name);
+        return true;
+    });
+    ensurePresets();
 }
 
 void FluidEngine::report(const std::string& line)
@@ -449,6 +696,11 @@ int FluidEngine::program(int channel) const
     return program;
 }
 
+std::set<PresetNumber> FluidEngine::presetsLoaded() const
+{
+    return instance_ && instance_->presets ? instance_->loaded.presets : std::set<PresetNumber>{};
+}
+
 void FluidEngine::noteOn(int channel, int key, int velocity)
 {
     if (!playing_ || !wake())
@@ -481,8 +733,13 @@ void FluidEngine::controlChange(int channel, int controller, int value)
 void FluidEngine::programChange(int channel, int program)
 {
     programs_[static_cast<std::size_t>(channel)] = static_cast<std::int16_t>(program);
-    if (instance_)
+    if (!instance_)
+        return;
+    // A program whose preset is not loaded keeps the channel's preset until it is.
+    if (instance_->canSelect(channel, program))
         fluid_synth_program_change(instance_->synth, channel, program);
+    else
+        ensurePresets();
 }
 
 void FluidEngine::pitchBend(int channel, int value)

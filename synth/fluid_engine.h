@@ -1,6 +1,7 @@
 #pragma once
 
 #include "synth/audio_driver.h"
+#include "synth/sound_font_presets.h"
 #include "synth/synth_target.h"
 
 #include <QObject>
@@ -10,6 +11,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,10 +23,12 @@ namespace plinkora {
 /// else PulseAudio, else ALSA.
 ///
 /// The sound font is loaded and the audio output opened on a worker thread: nothing of that is
-/// on the start-up path. Until that is done notes are dropped; controllers, programs and bends
-/// are kept and given to the synthesizer when it is there (the same happens when another sound
-/// font is loaded). After `idleTime` without a sound the audio output is closed, so that an idle
-/// synthesizer costs no processor time; the next note opens it again.
+/// on the start-up path. The font is loaded cut down to the presets the channels' programs choose
+/// (see SoundFontPresets); a program change to a preset not loaded yet loads a font with it on
+/// the worker, and the channel keeps its preset until that is there. Until that is done notes are dropped; controllers,
+/// programs and bends are kept and given to the synthesizer when it is there (the same happens when another sound font
+/// is loaded). After `idleTime` without a sound the audio output is closed, so that an idle synthesizer costs no
+/// processor time; the next note opens it again.
 ///
 /// Lines on standard output: "Built-in synthesizer: FONT on DRIVER" when it is ready, "Sound font
 /// not found: PATH", "Sound font could not be read: PATH", "Audio output failed: ..." (each of the
@@ -79,7 +83,8 @@ public:
     /// Called on the main thread with each error line (for an announcement).
     void setProblemCallback(std::function<void(const std::string&)> problem) { problem_ = std::move(problem); }
 
-    // What the synthesizer is told: MIDI channel messages. Never allocate.
+    // What the synthesizer is told: MIDI channel messages. Never allocate, except a program
+    // change whose preset is not loaded yet (it starts the load).
     void noteOn(int channel, int key, int velocity) override;
     void noteOff(int channel, int key) override;
     void controlChange(int channel, int controller, int value) override;
@@ -96,18 +101,24 @@ public:
     int activeVoices() const;
     /// The program of `channel` in the synthesizer (-1 without one).
     int program(int channel) const;
+    /// The presets of the cut-down font in use; empty when the font is loaded whole, or none is.
+    std::set<PresetNumber> presetsLoaded() const;
 
 private:
+    struct CutDownFont;
     struct Instance;
     struct Outcome;
 
     static std::string openFirstDriver(Instance& instance, const std::vector<std::string>& drivers,
                                        std::string& problem);
     void openAudio(bool sayWhyNot);
-    void startWorker(std::function<void(Outcome&)> job);
+    void startWorker(std::function<void(Outcome&)> job, void (FluidEngine::*done)(const std::shared_ptr<Outcome>&));
     void finish(const std::shared_ptr<Outcome>& outcome);
+    void ensurePresets();
+    void finishExtension(const std::shared_ptr<Outcome>& outcome);
     void adopt(std::unique_ptr<Instance> instance);
     void restoreChannels();
+    void selectPrograms();
     bool wake();
     void touch();
     void suspend();
@@ -116,6 +127,7 @@ private:
 
     Options options_;
     std::unique_ptr<Instance> instance_;
+    std::uint64_t generation_ = 0; // counts the synthesizers adopted
     std::string soundFontPath_;
     std::string driverName_;
     bool playing_ = true;

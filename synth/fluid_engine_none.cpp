@@ -45,6 +45,10 @@ int FluidEngine::program(int) const
 {
     return -1;
 }
+std::set<PresetNumber> FluidEngine::presetsLoaded() const
+{
+    return {};
+}
 void FluidEngine::noteOn(int, int, int) {}
 void FluidEngine::noteOff(int, int) {}
 void FluidEngine::controlChange(int, int, int) {}

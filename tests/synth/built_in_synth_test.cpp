@@ -76,7 +76,48 @@ TEST_F(BuiltInSynthTest, TheDefaultFontLoadsOnTheWorkerAndProgramsSentBeforeAreK
     ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
     EXPECT_EQ(synth.engine().driverName(), "file");
     EXPECT_EQ(synth.engine().activeVoices(), 0);
-    EXPECT_EQ(synth.engine().program(2), 40);
+    // Program 40 came after the load had begun: its preset is loaded next.
+    EXPECT_TRUE(waitFor([&] { return synth.engine().program(2) == 40; }));
+    synth.midiSent(message({0x92, 60, 100}));
+    EXPECT_GT(synth.engine().activeVoices(), 0);
+}
+
+TEST_F(BuiltInSynthTest, TheFontIsLoadedCutDownToThePresetsInUseAndAnotherProgramIsLoadedWhenChosen)
+{
+    BuiltInSynth synth(settings, fileOutput());
+    synth.start();
+    ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
+    // Every channel on program 0: the piano and, on channel 10, the standard drum kit.
+    EXPECT_EQ(synth.engine().presetsLoaded(), (std::set<PresetNumber>{{0, 0}, {128, 0}}));
+
+    synth.midiSent(message({0xC0, 40}));
+    // The channel keeps its preset until the one for program 40 is there.
+    EXPECT_EQ(synth.engine().program(0), 0);
+    synth.midiSent(message({0x90, 60, 100}));
+    EXPECT_GT(synth.engine().activeVoices(), 0);
+    ASSERT_TRUE(waitFor([&] { return synth.engine().program(0) == 40; }));
+    // The other channels keep program 0.
+    EXPECT_EQ(synth.engine().presetsLoaded(), (std::set<PresetNumber>{{0, 0}, {0, 40}, {128, 0}}));
+    synth.midiSent(message({0x80, 60, 0, 0x90, 62, 100}));
+    EXPECT_GT(synth.engine().activeVoices(), 0);
+}
+
+TEST_F(BuiltInSynthTest, AFontThatCanNoLongerBeReadKeepsItsLoadedPresetsPlayingAndSaysSo)
+{
+    const QString copy = dir.filePath("copy.sf2");
+    ASSERT_TRUE(QFile::copy(QString::fromStdString(BuiltInSynth::defaultSoundFont()), copy));
+    BuiltInSynth synth(settings, fileOutput());
+    std::vector<QString> announced;
+    synth.setAnnounce([&](const UserText& text) { announced.push_back(text.shown); });
+    synth.setSoundFont(copy.toStdString());
+    synth.start();
+    ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
+    ASSERT_TRUE(QFile::remove(copy));
+
+    synth.midiSent(message({0xC0, 40}));
+    ASSERT_TRUE(waitFor([&] { return !announced.empty(); }));
+    EXPECT_EQ(announced, std::vector<QString>{QStringLiteral("Sound font could not be read: ") + copy});
+    // Program 40 falls back to the piano loaded, which plays on.
     synth.midiSent(message({0x90, 60, 100}));
     EXPECT_GT(synth.engine().activeVoices(), 0);
 }
