@@ -187,6 +187,12 @@ private:
 
 } // namespace
 
+// Voices are made as the music needs them (each takes about 10 KiB): 64 at first, all 128 as
+// soon as more than 48 sound at once, which leaves room for the voices of the next notes.
+constexpr int kFirstVoices = 64;
+constexpr int kMostVoices = 128;
+constexpr int kMoreVoicesAbove = 48;
+
 /// A font cut down to some presets, loaded into a synthesizer.
 struct FluidEngine::CutDownFont
 {
@@ -201,6 +207,7 @@ struct FluidEngine::Instance
     fluid_settings_t* settings = nullptr;
     fluid_synth_t* synth = nullptr;
     fluid_audio_driver_t* driver = nullptr;
+    int voices = kFirstVoices;
     /// The font's presets, when it is loaded cut down to those in use; otherwise it is loaded whole.
     std::optional<SoundFontPresets> presets;
     std::string soundFont;
@@ -212,7 +219,7 @@ struct FluidEngine::Instance
     {
         settings = new_fluid_settings();
         fluid_settings_setint(settings, "synth.threadsafe-api", 1);
-        fluid_settings_setint(settings, "synth.polyphony", 128);
+        fluid_settings_setint(settings, "synth.polyphony", kFirstVoices);
         // FluidSynth's own default (0.2) is quiet beside other programs; 0.5 leaves room for
         // chords before clipping.
         fluid_settings_setnum(settings, "synth.gain", 0.5);
@@ -686,6 +693,11 @@ int FluidEngine::activeVoices() const
     return instance_ ? fluid_synth_get_active_voice_count(instance_->synth) : 0;
 }
 
+int FluidEngine::voices() const
+{
+    return instance_ ? fluid_synth_get_polyphony(instance_->synth) : 0;
+}
+
 int FluidEngine::program(int channel) const
 {
     int font = 0;
@@ -707,6 +719,10 @@ void FluidEngine::noteOn(int channel, int key, int velocity)
         return;
     if (fluid_synth_noteon(instance_->synth, channel, key, velocity) == FLUID_OK)
         ++heldNotes_[static_cast<std::size_t>(channel)];
+    if (instance_->voices < kMostVoices && fluid_synth_get_active_voice_count(instance_->synth) > kMoreVoicesAbove) {
+        fluid_synth_set_polyphony(instance_->synth, kMostVoices);
+        instance_->voices = kMostVoices;
+    }
 }
 
 void FluidEngine::noteOff(int channel, int key)

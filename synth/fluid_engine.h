@@ -99,6 +99,8 @@ public:
     void waitForWorker();
     /// The voices sounding now (0 without a synthesizer).
     int activeVoices() const;
+    /// The voices the synthesizer has: 64, or 128 once more than 48 have sounded at once.
+    int voices() const;
     /// The program of `channel` in the synthesizer (-1 without one).
     int program(int channel) const;
     /// The presets of the cut-down font in use; empty when the font is loaded whole, or none is.

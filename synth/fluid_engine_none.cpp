@@ -41,6 +41,10 @@ int FluidEngine::activeVoices() const
 {
     return 0;
 }
+int FluidEngine::voices() const
+{
+    return 0;
+}
 int FluidEngine::program(int) const
 {
     return -1;

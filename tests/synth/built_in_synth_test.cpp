@@ -102,6 +102,25 @@ TEST_F(BuiltInSynthTest, TheFontIsLoadedCutDownToThePresetsInUseAndAnotherProgra
     EXPECT_GT(synth.engine().activeVoices(), 0);
 }
 
+TEST_F(BuiltInSynthTest, ItStartsWithSixtyFourVoicesAndMakesAllOneHundredAndTwentyEightWhenChordsNeedThem)
+{
+    BuiltInSynth synth(settings, fileOutput());
+    synth.start();
+    ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
+    EXPECT_EQ(synth.engine().voices(), 64);
+    // Notes held on four channels until more than 48 voices sound.
+    int notes = 0;
+    for (std::uint8_t channel = 0; channel < 4 && synth.engine().activeVoices() <= 48; ++channel)
+        for (std::uint8_t key = 40; key < 80 && synth.engine().activeVoices() <= 48; ++key, ++notes)
+            synth.midiSent(message({static_cast<std::uint8_t>(0x90 | channel), key, 100}));
+    EXPECT_GT(synth.engine().activeVoices(), 48);
+    EXPECT_EQ(synth.engine().voices(), 128);
+    const int sounding = synth.engine().activeVoices();
+    synth.midiSent(message({0x94, 60, 100}));
+    EXPECT_GT(synth.engine().activeVoices(), sounding);
+    EXPECT_LT(notes, 160);
+}
+
 TEST_F(BuiltInSynthTest, AFontThatCanNoLongerBeReadKeepsItsLoadedPresetsPlayingAndSaysSo)
 {
     const QString copy = dir.filePath("copy.sf2");
