@@ -11,6 +11,8 @@
 #include "midi/backend_factory.h"
 #include "midi/connection_keeper.h"
 #include "midi/midi_manager.h"
+#include "midi/opened_backend.h"
+#include "midi/port_name.h"
 #include "midi/recovering_backend.h"
 #include "properties/announcer.h"
 #include "properties/property_manager.h"
@@ -93,6 +95,15 @@ AppDelegate::~AppDelegate()
     midiManager.reset();
 }
 
+void AppDelegate::startPublishingMIDIPort()
+{
+    if (midiManager || publishing_.valid())
+        return;
+    publishing_ = std::async(std::launch::async, [make = services_.makeMIDIBackend]() -> std::unique_ptr<MIDIBackend> {
+        return std::make_unique<OpenedBackend>(make(), kPortName);
+    });
+}
+
 void AppDelegate::publishMIDIPort()
 {
     // The MIDI output first: the port "PLK" is published before anything can play. A failure
@@ -101,7 +112,7 @@ void AppDelegate::publishMIDIPort()
         return;
     // The port's back end is kept through a service that dies and returns; the built-in
     // synthesizer hears what it sends beside it, and goes on sounding while the port is lost.
-    std::unique_ptr<MIDIBackend> backend = services_.makeMIDIBackend();
+    std::unique_ptr<MIDIBackend> backend = publishing_.valid() ? publishing_.get() : services_.makeMIDIBackend();
     std::unique_ptr<RecoveringBackend> port;
     if (services_.makePatchbay) {
         std::unique_ptr<MIDIPatchbay> patchbay = services_.makePatchbay(*backend);

@@ -4,6 +4,7 @@
 #include <QPointer>
 
 #include <functional>
+#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,7 +31,8 @@ class SynthControl;
 /// program passes the real ones (desktopServices() in app/desktop_services.h); tests pass fakes.
 struct AppServices
 {
-    /// The MIDI back end; made first at launch, and the port is published at once.
+    /// The MIDI back end; made first at launch, and the port is published at once. May run on
+    /// a worker thread (startPublishingMIDIPort), while the main thread starts the toolkit.
     std::function<std::unique_ptr<MIDIBackend>()> makeMIDIBackend;
     /// The player of the feedback sounds, for the bender controller.
     std::function<std::unique_ptr<SoundPlayer>()> makeSoundPlayer;
@@ -104,10 +106,17 @@ public:
     /// True once the termination has run.
     bool hasTerminated() const { return terminated_; }
 
+    /// Starts making the MIDI back end and publishing the port "PLK" on a worker thread (the
+    /// back end's client and source, see OpenedBackend), so that the program connects to the
+    /// window system meanwhile: both wait mostly for their servers. publishMIDIPort() takes the
+    /// result. Needs no application object. The services' makeMIDIBackend runs on that worker.
+    void startPublishingMIDIPort();
+
 public slots:
     /// The first step of the start-up on its own: makes the MIDI output, which publishes the
-    /// port "PLK". Needs no application object, so the program runs it before the toolkit
-    /// starts; applicationDidFinishLaunching() runs it when it has not run. Runs once.
+    /// port "PLK" (or takes the one startPublishingMIDIPort() published, waiting for it).
+    /// Needs no application object; applicationDidFinishLaunching() runs it when it has not
+    /// run. Runs once.
     void publishMIDIPort();
     /// Start-up, in order: MIDI output (the port "PLK" is published, unless publishMIDIPort()
     /// did it already), keyboard monitor, the watch of the key focus, key-event filter (stored in the monitor's
@@ -140,8 +149,9 @@ private:
     AppServices services_;
     std::unique_ptr<KeyEventFilter> keyEventFilter_;
     std::unique_ptr<KeyFocusWatch> keyFocusWatch_;
-    RecoveringBackend* midiService_ = nullptr;   // owned by midiManager
-    std::unique_ptr<MIDIPatchbay> synthReaders_; // a view of midiService_'s patchbay
+    std::future<std::unique_ptr<MIDIBackend>> publishing_; // startPublishingMIDIPort()'s worker
+    RecoveringBackend* midiService_ = nullptr;             // owned by midiManager
+    std::unique_ptr<MIDIPatchbay> synthReaders_;           // a view of midiService_'s patchbay
     // Closed preferences windows waiting for their deferred deletion.
     std::vector<QPointer<PreferencesWindow>> closedPreferences_;
     bool launched_ = false;

@@ -4,6 +4,7 @@
 #include "common/settings_store.h"
 #include "midi/backend_factory.h"
 #include "midi/fan_out_backend.h"
+#include "midi/midi_service_probe.h"
 #include "platform/desktop_announcer.h"
 #include "platform/qt_sound_player.h"
 #include "platform/screen_reader_monitor.h"
@@ -50,10 +51,14 @@ private:
 
 DesktopServices::DesktopServices(std::optional<std::string> midiApi, SettingsStore& settings,
                                  BuiltInSynth::Options synth)
-    : midiApi_(std::move(midiApi))
+    : midiApiRequest_(midiApi ? *midiApi
+                              : settings.stringForKey(QString::fromLatin1(kMIDIApiKey)).trimmed().toStdString())
+    , settingsFile_(settings.fileName().toStdString())
     , settings_(settings)
     , synthOptions_(std::move(synth))
 {
+    // Before any worker thread runs: the MIDI back ends set JACK's environment only once.
+    forbidJackServerStart();
 }
 
 DesktopServices::~DesktopServices() = default;
@@ -87,18 +92,12 @@ AppServices DesktopServices::services()
 
 std::unique_ptr<MIDIBackend> DesktopServices::makeMIDIBackend()
 {
-    std::string requested;
-    if (midiApi_) {
-        requested = *midiApi_;
-    } else {
-        requested = settings_.stringForKey(QString::fromLatin1(kMIDIApiKey)).trimmed().toStdString();
-    }
+    // Touches no Qt object: it may run on a worker while the toolkit starts.
     std::string error;
-    std::unique_ptr<MIDIBackend> backend = chooseBackend(requested, error);
+    std::unique_ptr<MIDIBackend> backend = chooseBackend(midiApiRequest_, error);
     if (!backend) {
         // Only the setting can name an unknown system here: the command line was checked.
-        printLine("Ignoring the setting \"" + std::string(kMIDIApiKey) + "\" in " + settings_.fileName().toStdString()
-                  + ": " + error);
+        printLine("Ignoring the setting \"" + std::string(kMIDIApiKey) + "\" in " + settingsFile_ + ": " + error);
         backend = chooseBackend({}, error);
     }
     return backend;

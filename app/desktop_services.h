@@ -49,7 +49,8 @@ private:
     std::unique_ptr<MIDIBackend> addBuiltInSynth(std::unique_ptr<MIDIBackend> port);
     std::unique_ptr<Announcer> makeAnnouncer();
 
-    std::optional<std::string> midiApi_;
+    std::string midiApiRequest_; // --midi-api, else the setting (read here, on the main thread)
+    std::string settingsFile_;
     SettingsStore& settings_;
     class LateScreenReaderDetector;
 

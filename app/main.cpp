@@ -88,14 +88,16 @@ int main(int argc, char** argv)
     // the event loop runs).
     TerminationSignals terminationSignals;
 
-    // The port is published before the toolkit starts: it is the first thing of the start-up
-    // and needs nothing from the toolkit (the window system connection takes tens of
-    // milliseconds).
-    delegate->publishMIDIPort();
+    // The port is published first, on a worker, while the toolkit connects to the window
+    // system: each waits mostly for its server (the JACK server opens one client at a time and
+    // answers at its cycles; the X server and the font configuration take tens of
+    // milliseconds), so the window is up sooner and the port no later.
+    delegate->startPublishingMIDIPort();
 
     int status = 0;
     {
         QApplication application(argc, argv);
+        delegate->publishMIDIPort();
         // Every window and announcement is made after this: all of them in the user's language.
         installTranslations();
         printLine("Window system: " + windowSystemName(QGuiApplication::platformName().toStdString()));

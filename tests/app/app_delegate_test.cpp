@@ -102,6 +102,7 @@ protected:
     {
         AppServices s;
         s.makeMIDIBackend = [this] {
+            backendThread = std::this_thread::get_id();
             if (failClient)
                 recording.failWith(RecordingBackend::Op::CreateClient, kStatusServiceUnavailable);
             log.push_back("midi back end");
@@ -164,6 +165,7 @@ protected:
     RecordingSoundPlayer* sounds = nullptr;
     RecordingAnnouncer* announcer = nullptr;
     bool failClient = false;
+    std::thread::id backendThread;       // where makeMIDIBackend ran
     std::vector<MIDIDestination> inputs; // the MIDI inputs of the system at launch
     bool withPatchbay = false;           // else the connections cannot be seen (a null patchbay)
     FakePatchbay* patchbay = nullptr;
@@ -215,6 +217,42 @@ TEST_F(AppDelegateTest, ThePortPublishedBeforeTheLaunchIsTheOneTheLaunchUses)
     EXPECT_EQ(log,
               (std::vector<std::string>{"midi back end", "sound player, port published", "announcer, no window",
                                         "label, filter installed, window shown"}));
+}
+
+TEST_F(AppDelegateTest, ThePortPublishedOnAWorkerBeforeTheToolkitIsTheOneTheLaunchUses)
+{
+    delegate = std::make_unique<AppDelegate>(settings, services());
+    delegate->startPublishingMIDIPort();
+    delegate->publishMIDIPort(); // waits for the worker
+    EXPECT_NE(backendThread, std::this_thread::get_id());
+    ASSERT_TRUE(delegate->midiManager);
+    EXPECT_NE(delegate->midiManager->virtualSource, 0u);
+    EXPECT_EQ(recording.sourceName, "PLK");
+
+    delegate->applicationDidFinishLaunching();
+    const auto made = [this](RecordingBackend::Op op) {
+        return std::count_if(recording.calls().begin(), recording.calls().end(),
+                             [op](const auto& call) { return call.op == op; });
+    };
+    EXPECT_EQ(made(RecordingBackend::Op::CreateClient), 1);
+    EXPECT_EQ(made(RecordingBackend::Op::CreateSource), 1);
+    recording.clear();
+    sendPress(*delegate->window, kLinuxA);
+    ASSERT_EQ(recording.calls().size(), 1u);
+    EXPECT_EQ(recording.calls().front().op, RecordingBackend::Op::Send);
+}
+
+TEST_F(AppDelegateTest, APortThatFailedOnTheWorkerLeavesTheWindowAndTheKeysWorking)
+{
+    failClient = true;
+    delegate = std::make_unique<AppDelegate>(settings, services());
+    delegate->startPublishingMIDIPort();
+    delegate->applicationDidFinishLaunching();
+    EXPECT_NE(backendThread, std::this_thread::get_id());
+    EXPECT_TRUE(delegate->window->isVisible());
+    EXPECT_EQ(delegate->midiManager->virtualSource, 0u);
+    sendPress(*delegate->window, kLinux5);
+    EXPECT_EQ(delegate->keyboardMonitor->currentOctave, 5);
 }
 
 TEST_F(AppDelegateTest, WhenTheMIDISetUpFailsTheWindowStillAppearsAndTheKeysStillWork)

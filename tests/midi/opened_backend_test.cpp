@@ -1,0 +1,99 @@
+// The back end whose client and source were made when it was (on the start-up's worker): the
+// first createClient and createSource give those, later ones go to the back end.
+#include "midi/opened_backend.h"
+#include "midi/recording_backend.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+using namespace plinkora;
+using Op = RecordingBackend::Op;
+
+namespace {
+
+// Forwards to a recording back end the test keeps.
+class Forwarding final : public MIDIBackend
+{
+public:
+    explicit Forwarding(RecordingBackend& to)
+        : to_(to)
+    {
+    }
+    std::string_view apiName() const override { return to_.apiName(); }
+    MIDIStatus createClient(std::string_view name, std::uint32_t& client) override
+    {
+        return to_.createClient(name, client);
+    }
+    MIDIStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override
+    {
+        return to_.createSource(client, name, source);
+    }
+    MIDIStatus send(std::uint32_t source, MIDIBytes message) override { return to_.send(source, message); }
+    void disposeSource(std::uint32_t source) override { to_.disposeSource(source); }
+    void disposeClient(std::uint32_t client) override { to_.disposeClient(client); }
+
+private:
+    RecordingBackend& to_;
+};
+
+long count(const RecordingBackend& backend, Op op)
+{
+    return std::count_if(backend.calls().begin(), backend.calls().end(),
+                         [op](const RecordingBackend::Call& call) { return call.op == op; });
+}
+
+} // namespace
+
+TEST(OpenedBackend, MakesItsClientAndSourceAtOnceAndGivesThemToTheFirstAsking)
+{
+    RecordingBackend recording;
+    OpenedBackend opened(std::make_unique<Forwarding>(recording), "PLK");
+    EXPECT_EQ(count(recording, Op::CreateClient), 1);
+    EXPECT_EQ(count(recording, Op::CreateSource), 1);
+    EXPECT_EQ(recording.clientName, "PLK");
+
+    std::uint32_t client = 0;
+    std::uint32_t source = 0;
+    ASSERT_EQ(opened.createClient("PLK", client), kStatusOk);
+    ASSERT_EQ(opened.createSource(client, "PLK", source), kStatusOk);
+    EXPECT_NE(client, 0u);
+    EXPECT_NE(source, 0u);
+    EXPECT_EQ(count(recording, Op::CreateClient), 1);
+    EXPECT_EQ(count(recording, Op::CreateSource), 1);
+
+    const std::uint8_t noteOn[] = {0x90, 60, 100};
+    EXPECT_EQ(opened.send(source, noteOn), kStatusOk);
+    EXPECT_EQ(count(recording, Op::Send), 1);
+    EXPECT_EQ(opened.apiName(), recording.apiName());
+
+    // A service that came back: made anew by the back end.
+    opened.disposeSource(source);
+    opened.disposeClient(client);
+    ASSERT_EQ(opened.createClient("PLK", client), kStatusOk);
+    ASSERT_EQ(opened.createSource(client, "PLK", source), kStatusOk);
+    EXPECT_EQ(count(recording, Op::CreateClient), 2);
+    EXPECT_EQ(count(recording, Op::CreateSource), 2);
+}
+
+TEST(OpenedBackend, AFailureOfThenIsTheAnswerOfTheFirstAsking)
+{
+    RecordingBackend recording;
+    recording.failWith(Op::CreateClient, kStatusServiceUnavailable);
+    OpenedBackend opened(std::make_unique<Forwarding>(recording), "PLK");
+    EXPECT_EQ(count(recording, Op::CreateSource), 0);
+    std::uint32_t client = 0;
+    EXPECT_EQ(opened.createClient("PLK", client), kStatusServiceUnavailable);
+    EXPECT_EQ(client, 0u);
+    EXPECT_EQ(count(recording, Op::CreateClient), 1);
+}
+
+TEST(OpenedBackend, AnotherNameIsTheBackEndsToAnswer)
+{
+    RecordingBackend recording;
+    OpenedBackend opened(std::make_unique<Forwarding>(recording), "PLK");
+    std::uint32_t client = 0;
+    EXPECT_EQ(opened.createClient("Other", client), kStatusOk);
+    EXPECT_EQ(count(recording, Op::CreateClient), 2);
+    EXPECT_EQ(recording.clientName, "Other");
+}
