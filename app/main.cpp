@@ -13,6 +13,7 @@
 #include "platform/announcement_label.h"
 #include "platform/user_language.h"
 #include "properties/property_manager.h"
+#include "ui/design_fonts.h"
 
 #include <QApplication>
 #include <QSettings>
@@ -97,6 +98,8 @@ int main(int argc, char** argv)
     int status = 0;
     {
         QApplication application(argc, argv);
+        // Meanwhile the fonts of the window: reading the font configuration takes milliseconds.
+        designfonts::loadFonts();
         delegate->publishMIDIPort();
         // Every window and announcement is made after this: all of them in the user's language.
         installTranslations();

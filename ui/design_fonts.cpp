@@ -1,6 +1,7 @@
 #include "ui/design_fonts.h"
 
 #include <QFontDatabase>
+#include <QFontMetrics>
 
 namespace plinkora::designfonts {
 
@@ -24,6 +25,12 @@ QFont monospacedFont(int size, QFont::Weight weight)
     font.setStyleHint(QFont::Monospace);
     font.setFixedPitch(true);
     return sized(font, size, weight);
+}
+
+void loadFonts()
+{
+    for (const QFont& font : {systemFont(14), systemFont(24, QFont::Bold), monospacedFont(12)})
+        (void)QFontMetrics(font).horizontalAdvance(QLatin1Char('M'));
 }
 
 } // namespace plinkora::designfonts

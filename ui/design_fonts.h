@@ -16,5 +16,9 @@ QFont systemFont(int size, QFont::Weight weight = QFont::Normal);
 /// The desktop's fixed-width font at `size`, with `weight`.
 QFont monospacedFont(int size, QFont::Weight weight = QFont::Normal);
 
+/// Loads the two fonts and the font configuration behind them, which the first window would
+/// otherwise load as it is made. Needs the QApplication.
+void loadFonts();
+
 } // namespace designfonts
 } // namespace plinkora
