@@ -187,6 +187,9 @@ private:
 
 } // namespace
 
+// A muted synthesizer closes its audio output this long after its voices were told to stop.
+constexpr std::chrono::milliseconds kMutedClose{200};
+
 // Voices are made as the music needs them (each takes about 10 KiB): 64 at first, all 128 as
 // soon as more than 48 sound at once, which leaves room for the voices of the next notes.
 constexpr int kFirstVoices = 64;
@@ -618,9 +621,15 @@ void FluidEngine::setPlaying(bool playing)
     if (playing_ == playing)
         return;
     playing_ = playing;
-    if (!playing && instance_) {
+    if (!instance_)
+        return;
+    if (!playing) {
         fluid_synth_all_sounds_off(instance_->synth, -1);
         heldNotes_.fill(0);
+        if (instance_->driver && !suspended_)
+            touch(); // muted: closes the audio output soon
+    } else if (suspended_) {
+        wake(); // open again now, so that the first note is not held up
     }
 }
 
@@ -652,6 +661,14 @@ bool FluidEngine::wake()
 
 void FluidEngine::touch()
 {
+    if (!playing_) {
+        // Muted, nothing sounds until it plays again: the audio output closes as soon as the
+        // voices have ended (a few periods), not after the idle time. A muted synthesizer's
+        // audio stream would cost as much as a playing one's.
+        lastSound_ = std::chrono::steady_clock::now() - options_.idleTime;
+        idleTimer_.start(kMutedClose);
+        return;
+    }
     // The timer is started once per quiet stretch, not for every note (starting it allocates).
     lastSound_ = std::chrono::steady_clock::now();
     if (!idleTimer_.isActive())
@@ -681,8 +698,9 @@ void FluidEngine::idleCheck()
         return;
     }
     if (held || fluid_synth_get_active_voice_count(instance_->synth) > 0) {
-        lastSound_ = std::chrono::steady_clock::now();
-        idleTimer_.start(std::chrono::milliseconds(1000));
+        if (playing_)
+            lastSound_ = std::chrono::steady_clock::now();
+        idleTimer_.start(playing_ ? std::chrono::milliseconds(1000) : kMutedClose);
         return;
     }
     suspend();

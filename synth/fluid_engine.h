@@ -67,7 +67,8 @@ public:
     /// The audio outputs this FluidSynth has ("alsa", "jack", "pulseaudio", ...).
     static std::vector<std::string> availableDrivers();
 
-    /// While false, notes are released at once and new ones are dropped.
+    /// While false, notes are released at once and new ones are dropped, and the audio output
+    /// closes once the voices have ended ("audio suspended"); true opens it again at once.
     void setPlaying(bool playing);
     bool isPlaying() const { return playing_; }
     /// A sound font is loaded and an audio output opened (it may be suspended now, while idle).

@@ -150,9 +150,13 @@ TEST_F(BuiltInSynthTest, MutedItReleasesItsNotesAtOnceAndDropsNewOnes)
     ASSERT_GT(synth.engine().activeVoices(), 0);
     synth.engine().setPlaying(false);
     EXPECT_TRUE(waitFor([&] { return synth.engine().activeVoices() == 0; }, 2s));
+    // Nothing can sound while muted: the audio output closes once the voices have ended, not
+    // after the idle time, and opens again when it plays again.
+    EXPECT_TRUE(waitFor([&] { return synth.engine().isSuspended(); }, 2s));
     synth.midiSent(message({0x90, 67, 100}));
     EXPECT_EQ(synth.engine().activeVoices(), 0);
     synth.engine().setPlaying(true);
+    EXPECT_FALSE(synth.engine().isSuspended());
     synth.midiSent(message({0x90, 67, 100}));
     EXPECT_GT(synth.engine().activeVoices(), 0);
 }

@@ -66,13 +66,16 @@ class SynthOnJackTest(unittest.TestCase):
             plinkora.wait_for_line(r"^Built-in synthesizer: .* on jack$")
             plinkora.wait_for_line(r"^Built-in synthesizer: following PLK's readers$")
             plinkora.wait_for_line(r"^Built-in synthesizer: silent while another program reads PLK$")
+            # Silent, it closes its audio output: no JACK client of its own costs processor time.
+            plinkora.wait_for_line(r"^Built-in synthesizer: audio suspended$")
             receiver = d.audio_receiver()
-            receiver.wait_for_line(r"^connected PLK-synth:")
             start = len(receiver.snapshot())
             self.assertFalse(d.sound_after(receiver, start, ["a"], timeout=1.5))
             mark = len(plinkora.snapshot())
             d.receiver.stop()
             plinkora.wait_for_line(r"^Built-in synthesizer: playing, nobody else reads PLK$", start=mark)
+            plinkora.wait_for_line(r"^Built-in synthesizer: audio resumed$", start=mark)
+            receiver.wait_for_line(r"^connected PLK-synth:", start=start)
             start = len(receiver.snapshot())
             self.assertTrue(d.sound_after(receiver, start, ["s"], timeout=10))
 
