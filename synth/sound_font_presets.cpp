@@ -191,7 +191,10 @@ std::shared_ptr<const SoundFontSubset> SoundFontPresets::subset(const std::set<P
 
     // The preset chunks of the kept presets, their bag, generator and modulator indices counted
     // anew; each chunk ends with the whole font's terminal record.
-    std::vector<std::uint8_t> phdr, pbag, pmod, pgen;
+    std::vector<std::uint8_t> phdr;
+    std::vector<std::uint8_t> pbag;
+    std::vector<std::uint8_t> pmod;
+    std::vector<std::uint8_t> pgen;
     const auto append = [](std::vector<std::uint8_t>& to, const std::vector<std::uint8_t>& from, std::size_t first,
                            std::size_t count, std::size_t size) {
         to.insert(to.end(), from.begin() + static_cast<std::ptrdiff_t>(first * size),

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <compare>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -17,7 +16,11 @@ struct PresetNumber
 {
     int bank = 0;
     int program = 0;
-    auto operator<=>(const PresetNumber&) const = default;
+    bool operator==(const PresetNumber&) const = default;
+    bool operator<(const PresetNumber& other) const
+    {
+        return bank != other.bank ? bank < other.bank : program < other.program;
+    }
 };
 
 /// Where a font's bytes come from: `read(offset, out)` fills `out` from `offset` on, false when
@@ -70,7 +73,10 @@ private:
     Layout layout_;
     std::vector<PresetNumber> presets_;
     // The four preset chunks' records, terminal records included.
-    std::vector<std::uint8_t> phdr_, pbag_, pmod_, pgen_;
+    std::vector<std::uint8_t> phdr_;
+    std::vector<std::uint8_t> pbag_;
+    std::vector<std::uint8_t> pmod_;
+    std::vector<std::uint8_t> pgen_;
 };
 
 /// A cut-down font: pieces of its own (the RIFF header and the preset chunks) and ranges of the
