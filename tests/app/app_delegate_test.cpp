@@ -13,6 +13,7 @@
 #include "support/fake_patchbay.h"
 #include "support/fakes.h"
 #include "support/key_delivery.h"
+#include "support/observed_backend.h"
 #include "ui/connections_view.h"
 #include "ui/keyboard_view.h"
 #include "ui/main_window.h"
@@ -42,39 +43,6 @@ using namespace plinkora::testing;
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
-
-/// A MIDI back end that records through a RecordingBackend and lets a test look at the
-/// application at the moment of each call.
-class ObservedBackend final : public MIDIBackend
-{
-public:
-    explicit ObservedBackend(RecordingBackend& recording)
-        : recording_(recording)
-    {
-    }
-    std::string_view apiName() const override { return recording_.apiName(); }
-    MIDIStatus createClient(std::string_view name, std::uint32_t& client) override
-    {
-        return recording_.createClient(name, client);
-    }
-    MIDIStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override
-    {
-        return recording_.createSource(client, name, source);
-    }
-    MIDIStatus send(std::uint32_t source, MIDIBytes message) override
-    {
-        if (onSend)
-            onSend();
-        return recording_.send(source, message);
-    }
-    void disposeSource(std::uint32_t source) override { recording_.disposeSource(source); }
-    void disposeClient(std::uint32_t client) override { recording_.disposeClient(client); }
-
-    std::function<void()> onSend;
-
-private:
-    RecordingBackend& recording_;
-};
 
 /// Runs the event loop until `condition` holds or `timeoutMs` have passed.
 bool waitUntil(const std::function<bool()>& condition, int timeoutMs)

@@ -2,40 +2,17 @@
 // first createClient and createSource give those, later ones go to the back end.
 #include "midi/opened_backend.h"
 #include "midi/recording_backend.h"
+#include "support/observed_backend.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
 using namespace plinkora;
+using plinkora::testing::ObservedBackend;
 using Op = RecordingBackend::Op;
 
 namespace {
-
-// Forwards to a recording back end the test keeps.
-class Forwarding final : public MIDIBackend
-{
-public:
-    explicit Forwarding(RecordingBackend& to)
-        : to_(to)
-    {
-    }
-    std::string_view apiName() const override { return to_.apiName(); }
-    MIDIStatus createClient(std::string_view name, std::uint32_t& client) override
-    {
-        return to_.createClient(name, client);
-    }
-    MIDIStatus createSource(std::uint32_t client, std::string_view name, std::uint32_t& source) override
-    {
-        return to_.createSource(client, name, source);
-    }
-    MIDIStatus send(std::uint32_t source, MIDIBytes message) override { return to_.send(source, message); }
-    void disposeSource(std::uint32_t source) override { to_.disposeSource(source); }
-    void disposeClient(std::uint32_t client) override { to_.disposeClient(client); }
-
-private:
-    RecordingBackend& to_;
-};
 
 long count(const RecordingBackend& backend, Op op)
 {
@@ -48,7 +25,7 @@ long count(const RecordingBackend& backend, Op op)
 TEST(OpenedBackend, MakesItsClientAndSourceAtOnceAndGivesThemToTheFirstAsking)
 {
     RecordingBackend recording;
-    OpenedBackend opened(std::make_unique<Forwarding>(recording), "PLK");
+    OpenedBackend opened(std::make_unique<ObservedBackend>(recording), "PLK");
     EXPECT_EQ(count(recording, Op::CreateClient), 1);
     EXPECT_EQ(count(recording, Op::CreateSource), 1);
     EXPECT_EQ(recording.clientName, "PLK");
@@ -80,7 +57,7 @@ TEST(OpenedBackend, AFailureOfThenIsTheAnswerOfTheFirstAsking)
 {
     RecordingBackend recording;
     recording.failWith(Op::CreateClient, kStatusServiceUnavailable);
-    OpenedBackend opened(std::make_unique<Forwarding>(recording), "PLK");
+    OpenedBackend opened(std::make_unique<ObservedBackend>(recording), "PLK");
     EXPECT_EQ(count(recording, Op::CreateSource), 0);
     std::uint32_t client = 0;
     EXPECT_EQ(opened.createClient("PLK", client), kStatusServiceUnavailable);
@@ -91,7 +68,7 @@ TEST(OpenedBackend, AFailureOfThenIsTheAnswerOfTheFirstAsking)
 TEST(OpenedBackend, AnotherNameIsTheBackEndsToAnswer)
 {
     RecordingBackend recording;
-    OpenedBackend opened(std::make_unique<Forwarding>(recording), "PLK");
+    OpenedBackend opened(std::make_unique<ObservedBackend>(recording), "PLK");
     std::uint32_t client = 0;
     EXPECT_EQ(opened.createClient("Other", client), kStatusOk);
     EXPECT_EQ(count(recording, Op::CreateClient), 2);
