@@ -18,16 +18,6 @@ using namespace plinkora;
 
 namespace {
 
-ByteSource memory(std::span<const std::uint8_t> bytes)
-{
-    return {bytes.size(), [bytes](std::uint64_t offset, std::span<std::uint8_t> out) {
-                if (offset > bytes.size() || out.size() > bytes.size() - offset)
-                    return false;
-                std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), out.size(), out.begin());
-                return true;
-            }};
-}
-
 void check(bool condition)
 {
     if (!condition)
@@ -40,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
     const std::span<const std::uint8_t> input(data, size);
     std::string why;
-    const auto font = SoundFontPresets::read(memory(input), why);
+    const auto font = SoundFontPresets::read(memoryBytes(input), why);
     if (!font) {
         check(!why.empty());
         return 0;
@@ -58,9 +48,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         // Read in uneven steps, across the pieces.
         for (std::size_t offset = 0; offset < bytes.size(); offset += 13) {
             const std::size_t count = std::min<std::size_t>(13, bytes.size() - offset);
-            check(cut->read(offset, std::span(bytes).subspan(offset, count), memory(input)));
+            check(cut->read(offset, std::span(bytes).subspan(offset, count), memoryBytes(input)));
         }
-        const auto again = SoundFontPresets::read(memory(bytes), why);
+        const auto again = SoundFontPresets::read(memoryBytes(bytes), why);
         check(again.has_value());
         check(again->presets() == cut->presets());
     }

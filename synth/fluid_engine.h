@@ -23,12 +23,14 @@ namespace plinkora {
 /// else PulseAudio, else ALSA.
 ///
 /// The sound font is loaded and the audio output opened on a worker thread: nothing of that is
-/// on the start-up path. The font is loaded cut down to the presets the channels' programs choose
+/// on the start-up path. Until that is done notes are dropped; controllers, programs and bends
+/// are kept and given to the synthesizer when it is there (the same happens when another sound
+/// font is loaded). The font is loaded cut down to the presets the channels' programs choose
 /// (see SoundFontPresets); a program change to a preset not loaded yet loads a font with it on
-/// the worker, and the channel keeps its preset until that is there. Until that is done notes are dropped; controllers,
-/// programs and bends are kept and given to the synthesizer when it is there (the same happens when another sound font
-/// is loaded). After `idleTime` without a sound the audio output is closed, so that an idle synthesizer costs no
-/// processor time; the next note opens it again.
+/// the worker, and the channel keeps its preset until that is there. After `idleTime` without
+/// a sound the audio output is closed, so that an idle synthesizer costs no processor time; the
+/// next note opens it again. A muted synthesizer (setPlaying(false)) closes it as soon as its
+/// voices have ended.
 ///
 /// Lines on standard output: "Built-in synthesizer: FONT on DRIVER" when it is ready, "Sound font
 /// not found: PATH", "Sound font could not be read: PATH", "Audio output failed: ..." (each of the

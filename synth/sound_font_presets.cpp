@@ -17,7 +17,8 @@ constexpr std::size_t kPhdrSize = 38; // name[20], program, bank, first bag, 3 x
 constexpr std::size_t kBagSize = 4;   // first generator, first modulator
 constexpr std::size_t kModSize = 10;
 constexpr std::size_t kGenSize = 4;
-constexpr std::size_t kPhdrNumbers = 20; // offset of program, then bank, then first bag
+constexpr std::size_t kPhdrNumbers = 20; // offset of program, then bank
+constexpr std::size_t kPhdrFirstBag = 24;
 
 // The preset data's chunks, in the order every reader expects them.
 constexpr std::array<const char*, 9> kPdtaChunks = {"phdr", "pbag", "pmod", "pgen", "inst",
@@ -63,6 +64,15 @@ bool readHeader(const ByteSource& source, std::uint64_t offset, std::uint64_t li
     header.size = le32(bytes.data() + 4);
     header.data = offset + 8;
     return header.data + header.size <= limit;
+}
+
+// The 12 bytes that open a RIFF list: `id` (RIFF or LIST), its size (written later), its type.
+std::vector<std::uint8_t> listHeader(const char* id, const char* type)
+{
+    std::vector<std::uint8_t> bytes(12);
+    std::memcpy(bytes.data(), id, 4);
+    std::memcpy(bytes.data() + 8, type, 4);
+    return bytes;
 }
 
 std::vector<std::uint8_t> chunkBytes(const char* id, std::span<const std::uint8_t> data)
@@ -156,9 +166,8 @@ std::optional<SoundFontPresets> SoundFontPresets::read(const ByteSource& source,
     const std::size_t genCount = font.pgen_.size() / kGenSize - 1;
     if (presetCount == 0)
         return fail("no preset");
-    const auto bagOf = [&font](std::size_t preset) { return le16(font.phdr_.data() + preset * kPhdrSize + 24); };
     for (std::size_t preset = 0; preset < presetCount; ++preset)
-        if (bagOf(preset) > bagOf(preset + 1) || bagOf(preset + 1) > bagCount)
+        if (font.firstBag(preset) > font.firstBag(preset + 1) || font.firstBag(preset + 1) > bagCount)
             return fail("a preset's zones lie outside the preset zones");
     for (std::size_t bag = 0; bag < bagCount; ++bag) {
         const std::uint8_t* here = font.pbag_.data() + bag * kBagSize;
@@ -172,6 +181,11 @@ std::optional<SoundFontPresets> SoundFontPresets::read(const ByteSource& source,
         font.presets_.push_back({le16(record + kPhdrNumbers + 2), le16(record + kPhdrNumbers)});
     }
     return font;
+}
+
+std::size_t SoundFontPresets::firstBag(std::size_t preset) const
+{
+    return le16(phdr_.data() + preset * kPhdrSize + kPhdrFirstBag);
 }
 
 bool SoundFontPresets::has(PresetNumber preset) const
@@ -200,37 +214,36 @@ std::shared_ptr<const SoundFontSubset> SoundFontPresets::subset(const std::set<P
         to.insert(to.end(), from.begin() + static_cast<std::ptrdiff_t>(first * size),
                   from.begin() + static_cast<std::ptrdiff_t>((first + count) * size));
     };
-    const auto firstBag = [this](std::size_t preset) { return le16(phdr_.data() + preset * kPhdrSize + 24); };
+    // A preset record pointing at the bags that follow it; a bag pointing at the generators and
+    // modulators that follow it.
     const auto addPresetRecord = [&](std::size_t preset) {
         append(phdr, phdr_, preset, 1, kPhdrSize);
-        putLe16(phdr.data() + phdr.size() - kPhdrSize + 24, pbag.size() / kBagSize);
+        putLe16(phdr.data() + phdr.size() - kPhdrSize + kPhdrFirstBag, pbag.size() / kBagSize);
+    };
+    const auto addBag = [&] {
+        std::array<std::uint8_t, kBagSize> record{};
+        putLe16(record.data(), pgen.size() / kGenSize);
+        putLe16(record.data() + 2, pmod.size() / kModSize);
+        pbag.insert(pbag.end(), record.begin(), record.end());
     };
     for (const std::size_t preset : chosen) {
-        addPresetRecord(preset); // pointing at the bags that follow
+        addPresetRecord(preset);
         font->presets_.push_back(presets_[preset]);
         for (std::size_t bag = firstBag(preset); bag < firstBag(preset + 1); ++bag) {
             const std::uint8_t* here = pbag_.data() + bag * kBagSize;
-            std::array<std::uint8_t, kBagSize> record{};
-            putLe16(record.data(), pgen.size() / kGenSize);
-            putLe16(record.data() + 2, pmod.size() / kModSize);
-            pbag.insert(pbag.end(), record.begin(), record.end());
+            addBag();
             append(pgen, pgen_, le16(here), le16(here + kBagSize) - le16(here), kGenSize);
             append(pmod, pmod_, le16(here + 2), le16(here + kBagSize + 2) - le16(here + 2), kModSize);
         }
     }
-    addPresetRecord(presets_.size()); // the terminal record
-    std::array<std::uint8_t, kBagSize> bagEnd{};
-    putLe16(bagEnd.data(), pgen.size() / kGenSize);
-    putLe16(bagEnd.data() + 2, pmod.size() / kModSize);
-    pbag.insert(pbag.end(), bagEnd.begin(), bagEnd.end());
+    addPresetRecord(presets_.size()); // the terminal records
+    addBag();
     append(pgen, pgen_, pgen_.size() / kGenSize - 1, 1, kGenSize);
     append(pmod, pmod_, pmod_.size() / kModSize - 1, 1, kModSize);
 
     // The new preset data: its LIST header, the four new chunks, then the original's instrument
     // and sample chunks.
-    std::vector<std::uint8_t> list(12);
-    std::memcpy(list.data(), "LIST", 4);
-    std::memcpy(list.data() + 8, "pdta", 4);
+    std::vector<std::uint8_t> list = listHeader("LIST", "pdta");
     for (const auto& [id, data] : {std::pair{"phdr", &phdr}, {"pbag", &pbag}, {"pmod", &pmod}, {"pgen", &pgen}}) {
         const std::vector<std::uint8_t> chunk = chunkBytes(id, *data);
         list.insert(list.end(), chunk.begin(), chunk.end());
@@ -245,10 +258,7 @@ std::shared_ptr<const SoundFontSubset> SoundFontPresets::subset(const std::set<P
         font->pieces_.push_back({font->size_, length, originalOffset, std::move(bytes)});
         font->size_ += length;
     };
-    std::vector<std::uint8_t> riff(12);
-    std::memcpy(riff.data(), "RIFF", 4);
-    std::memcpy(riff.data() + 8, "sfbk", 4);
-    addPiece(riff.size(), 0, riff);
+    addPiece(12, 0, listHeader("RIFF", "sfbk"));
     addPiece(layout_.pdtaOffset - 12, 12, {});
     addPiece(list.size(), 0, list);
     addPiece(instruments, layout_.instOffset, {});
@@ -281,6 +291,16 @@ bool SoundFontSubset::read(std::uint64_t offset, std::span<std::uint8_t> out, co
         done += count;
     }
     return true;
+}
+
+ByteSource memoryBytes(std::span<const std::uint8_t> bytes)
+{
+    return {bytes.size(), [bytes](std::uint64_t offset, std::span<std::uint8_t> out) {
+                if (offset > bytes.size() || out.size() > bytes.size() - offset)
+                    return false;
+                std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), out.size(), out.begin());
+                return true;
+            }};
 }
 
 ByteSource fileBytes(int fd)

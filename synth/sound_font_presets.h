@@ -33,6 +33,8 @@ struct ByteSource
 
 /// The bytes of the open file `fd` (which stays open as long as they are read).
 ByteSource fileBytes(int fd);
+/// The bytes of `bytes` (which stay as long as they are read).
+ByteSource memoryBytes(std::span<const std::uint8_t> bytes);
 
 class SoundFontSubset;
 
@@ -61,6 +63,9 @@ public:
     std::shared_ptr<const SoundFontSubset> subset(const std::set<PresetNumber>& kept) const;
 
 private:
+    /// The first zone (bag) of `preset`; of the terminal record, the end of the last preset's.
+    std::size_t firstBag(std::size_t preset) const;
+
     struct Layout
     {
         std::uint64_t riffEnd = 0;       // end of the RIFF chunk's data

@@ -141,20 +141,10 @@ struct TestFont
     }
 };
 
-ByteSource memory(const Bytes& bytes)
-{
-    return {bytes.size(), [&bytes](std::uint64_t offset, std::span<std::uint8_t> out) {
-                if (offset > bytes.size() || out.size() > bytes.size() - offset)
-                    return false;
-                std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), out.size(), out.begin());
-                return true;
-            }};
-}
-
 Bytes allOf(const SoundFontSubset& font, const Bytes& original)
 {
     Bytes bytes(font.size());
-    EXPECT_TRUE(font.read(0, bytes, memory(original)));
+    EXPECT_TRUE(font.read(0, bytes, memoryBytes(original)));
     return bytes;
 }
 
@@ -177,7 +167,7 @@ Bytes fromChunk(const Bytes& file, const char* id)
 std::optional<SoundFontPresets> readFont(const Bytes& bytes, std::string* why = nullptr)
 {
     std::string reason;
-    auto font = SoundFontPresets::read(memory(bytes), reason);
+    auto font = SoundFontPresets::read(memoryBytes(bytes), reason);
     if (why)
         *why = reason;
     return font;
@@ -240,14 +230,14 @@ TEST(SoundFontPresets, ReadsAcrossItsPiecesAndNotPastTheEnd)
     const Bytes whole = allOf(*cut, original);
     for (std::uint64_t offset = 0; offset < whole.size(); offset += 7) {
         Bytes part(std::min<std::uint64_t>(40, whole.size() - offset));
-        ASSERT_TRUE(cut->read(offset, part, memory(original)));
+        ASSERT_TRUE(cut->read(offset, part, memoryBytes(original)));
         EXPECT_TRUE(std::equal(part.begin(), part.end(), whole.begin() + static_cast<std::ptrdiff_t>(offset)));
     }
     Bytes one(1);
-    EXPECT_FALSE(cut->read(whole.size(), one, memory(original)));
+    EXPECT_FALSE(cut->read(whole.size(), one, memoryBytes(original)));
     Bytes two(2);
-    EXPECT_FALSE(cut->read(whole.size() - 1, two, memory(original)));
-    EXPECT_TRUE(cut->read(whole.size(), std::span<std::uint8_t>(), memory(original)));
+    EXPECT_FALSE(cut->read(whole.size() - 1, two, memoryBytes(original)));
+    EXPECT_TRUE(cut->read(whole.size(), std::span<std::uint8_t>(), memoryBytes(original)));
 }
 
 TEST(SoundFontPresets, BrokenFilesAreRefusedWithAReason)
