@@ -2,6 +2,7 @@
 
 #include "app/key_event_filter.h"
 #include "app/key_focus_watch.h"
+#include "app/x11_key_reader.h"
 #include "app/x11_keys_down.h"
 #include "benders/bender_controller.h"
 #include "benders/sound_player.h"
@@ -21,6 +22,7 @@
 #include "ui/preferences_window.h"
 
 #include <QApplication>
+#include <QKeyEvent>
 #include <QScreen>
 #include <QThread>
 #include <QTimer>
@@ -83,6 +85,7 @@ AppDelegate::~AppDelegate()
         delete closed.data();
     preferencesWindow.reset();
     keyFocusWatch_.reset();
+    keyReader_.reset();
     window.reset();
     // The keeper announces through the property manager and reads the patchbay; the
     // synthesizer lets go of its view of the patchbay before the MIDI output goes.
@@ -223,10 +226,25 @@ void AppDelegate::showKeyboard()
     bringForward(*window);
     keyboardMonitor->keyboardWindow = window.get();
 
-    // One turn of the event loop later, when the window is on screen, the view takes focus.
-    QTimer::singleShot(0, window.get(), [view = QPointer<KeyboardView>(window->keyboardView())] {
+    // One turn of the event loop later, when the window is on screen, the view takes focus and
+    // the key events start to be read ahead of Qt (not on the way to the window's first frame).
+    QTimer::singleShot(0, window.get(), [this, view = QPointer<KeyboardView>(window->keyboardView())] {
         if (view)
             view->setFocus(Qt::ActiveWindowFocusReason);
+        openKeyReader();
+    });
+}
+
+void AppDelegate::openKeyReader()
+{
+    if (keyReader_ || !window || !keyEventFilter_ || !keyEventFilter_->isInstalled() || terminated_)
+        return;
+    // Qt's delivery must repeat held keys as the reader's does, without releases.
+    if (!keyEventFilter_->repeatsWithoutReleases() || !window->windowHandle())
+        return;
+    keyReader_ = X11KeyReader::open(*window->windowHandle(), [this](const QKeyEvent& event) {
+        if (keyEventFilter_ && window)
+            keyEventFilter_->actBeforeDelivery(window.get(), event);
     });
 }
 
@@ -265,6 +283,7 @@ void AppDelegate::applicationWillTerminate()
     terminated_ = true;
     // Windows closing at the end say nothing.
     keyFocusWatch_.reset();
+    keyReader_.reset();
     // Key events can no longer start notes while the last MIDI messages go out.
     if (keyboardMonitor && keyboardMonitor->localMonitor) {
         if (auto* filter = qobject_cast<KeyEventFilter*>(keyboardMonitor->localMonitor.data()))

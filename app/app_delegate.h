@@ -26,6 +26,7 @@ class RecoveringBackend;
 class SettingsStore;
 class SoundPlayer;
 class SynthControl;
+class X11KeyReader;
 
 /// What the application takes from the desktop, each made when the start-up needs it. The
 /// program passes the real ones (desktopServices() in app/desktop_services.h); tests pass fakes.
@@ -103,6 +104,9 @@ public:
     /// What tells the keyboard monitor that the main window lost or regained the keys, null
     /// before launch and after the termination.
     KeyFocusWatch* keyFocusWatch() const { return keyFocusWatch_.get(); }
+    /// Whether the main window's key events are also read ahead of Qt's delivery (under X11,
+    /// from the first turn of the event loop after the window was shown; x11_key_reader.h).
+    bool readsKeysAhead() const { return keyReader_ != nullptr; }
     /// True once the termination has run.
     bool hasTerminated() const { return terminated_; }
 
@@ -144,11 +148,14 @@ signals:
 private:
     void preferencesClosed();
     void makeConnections();
+    /// Starts reading the main window's key events ahead of Qt's delivery, where it can.
+    void openKeyReader();
 
     SettingsStore& settings_;
     AppServices services_;
     std::unique_ptr<KeyEventFilter> keyEventFilter_;
     std::unique_ptr<KeyFocusWatch> keyFocusWatch_;
+    std::unique_ptr<X11KeyReader> keyReader_;              // hands key events to keyEventFilter_
     std::future<std::unique_ptr<MIDIBackend>> publishing_; // startPublishingMIDIPort()'s worker
     RecoveringBackend* midiService_ = nullptr;             // owned by midiManager
     std::unique_ptr<MIDIPatchbay> synthReaders_;           // a view of midiService_'s patchbay

@@ -11,6 +11,8 @@
 #include <QWidget>
 #include <QWindow>
 
+#include <algorithm>
+
 // Where this filter stands among the application's event filters, and why.
 //
 // With a screen reader listening, Qt 6.4's AT-SPI bridge (QSpiApplicationAdaptor) has its own
@@ -173,7 +175,7 @@ KeyEventFilter::Signature KeyEventFilter::signatureOf(const QKeyEvent& event)
 
 bool KeyEventFilter::eventFilter(QObject* watched, QEvent* event)
 {
-    const QEvent::Type type = event->type();
+    const int type = event->type();
     if ((type != QEvent::KeyPress && type != QEvent::KeyRelease) || !monitor_)
         return false;
     const auto& keyEvent = *static_cast<const QKeyEvent*>(event);
@@ -193,6 +195,7 @@ bool KeyEventFilter::eventFilter(QObject* watched, QEvent* event)
         return remember(event, signature, act(keyEvent), false);
     }
 
+    const auto time = keyEvent.timestamp();
     if (!event->spontaneous()) {
         bool found = false;
         const bool swallow = takeRepost(signature, found);
@@ -201,19 +204,91 @@ bool KeyEventFilter::eventFilter(QObject* watched, QEvent* event)
             return remember(event, signature, swallow, false);
         }
         // No record: a filter in front of this one took the original away.
-        qCDebug(lcKeys) << "a filter in front took a key event away; acting on its copy and moving back in front";
         scheduleMoveToFront();
+        // The copy keeps no time; the key event read ahead is the oldest of its type and key.
+        if (Arrival ahead; actedAhead_.take(type, signature.scanCode, 0, true, ahead)) {
+            qCDebug(lcKeys) << "a filter in front took a key event away; its copy was read ahead, swallowed:"
+                            << ahead.swallow;
+            return remember(event, signature, ahead.swallow, false);
+        }
+        qCDebug(lcKeys) << "a filter in front took a key event away; acting on its copy and moving back in front";
         return remember(event, signature, act(keyEvent), false);
     }
 
     // The first delivery of an event from the window system.
-    keyEventWindow_ = topLevelWidgetOf(static_cast<const QWindow*>(watched));
-    const bool swallow = act(keyEvent);
-    keyEventWindow_ = nullptr;
-    qCDebug(lcKeys) << "acted on a key event at its window, swallowed:" << swallow;
+    bool swallow = false;
+    if (Arrival ahead; actedAhead_.take(type, signature.scanCode, time, false, ahead)) {
+        swallow = ahead.swallow;
+        qCDebug(lcKeys) << "Qt's copy of a key event read ahead, swallowed:" << swallow;
+    } else {
+        keyEventWindow_ = topLevelWidgetOf(static_cast<const QWindow*>(watched));
+        swallow = act(keyEvent);
+        keyEventWindow_ = nullptr;
+        deliveredFirst_.add({type, signature.scanCode, time, swallow, std::chrono::steady_clock::now()});
+        if (leftToQt_ && leftToQt_->type == type && leftToQt_->scanCode == signature.scanCode
+            && leftToQt_->time == time)
+            leftToQt_.reset(); // Qt has caught up with the keys read ahead
+        qCDebug(lcKeys) << "acted on a key event at its window, swallowed:" << swallow;
+    }
     remember(event, signature, swallow, true);
     rememberPending(signature, swallow);
     return false; // on to the accessibility bridge, or to the focus widget (see above)
+}
+
+void KeyEventFilter::actBeforeDelivery(QWidget* window, const QKeyEvent& event)
+{
+    const int type = event.type();
+    if (!monitor_ || (type != QEvent::KeyPress && type != QEvent::KeyRelease))
+        return;
+    const std::uint32_t scanCode = event.nativeScanCode();
+    if (Arrival first; deliveredFirst_.take(type, scanCode, event.timestamp(), false, first))
+        return; // Qt's copy came first and was acted on
+    const auto now = std::chrono::steady_clock::now();
+    if (leftToQt_ && now - leftToQt_->seen > kRepostWindow)
+        leftToQt_.reset(); // Qt never delivered it (a grab took the keyboard, for example)
+    // While the monitor does not know yet that the main window has the keys back (Qt has not
+    // handled the focus change that came before this key), the key is left to Qt's copy, which
+    // comes after that change; so are the keys after it, until Qt has delivered the last one
+    // left, so that every key keeps its place in the order.
+    if (monitor_->focusAway || leftToQt_) {
+        leftToQt_ = Arrival{type, scanCode, event.timestamp(), false, now};
+        qCDebug(lcKeys) << "a key event read ahead is left to Qt's copy";
+        return;
+    }
+    keyEventWindow_ = window;
+    const bool swallow = act(event);
+    keyEventWindow_ = nullptr;
+    actedAhead_.add({type, scanCode, event.timestamp(), swallow, now});
+    qCDebug(lcKeys) << "acted on a key event read ahead of Qt, swallowed:" << swallow;
+}
+
+void KeyEventFilter::Arrivals::add(const Arrival& arrival)
+{
+    if (count_ == kMax) { // forget the oldest
+        std::move(entries_.begin() + 1, entries_.end(), entries_.begin());
+        --count_;
+    }
+    entries_[count_++] = arrival;
+}
+
+bool KeyEventFilter::Arrivals::take(int type, std::uint32_t scanCode, std::uint64_t time, bool anyTime, Arrival& taken)
+{
+    const auto now = std::chrono::steady_clock::now();
+    std::size_t kept = 0;
+    bool found = false;
+    for (std::size_t i = 0; i < count_; ++i) {
+        const Arrival& entry = entries_[i];
+        if (now - entry.seen > kRepostWindow)
+            continue; // too old for a copy to come
+        if (!found && entry.type == type && entry.scanCode == scanCode && (anyTime || entry.time == time)) {
+            taken = entry;
+            found = true;
+            continue;
+        }
+        entries_[kept++] = entry;
+    }
+    count_ = kept;
+    return found;
 }
 
 bool KeyEventFilter::remember(const QEvent* event, const Signature& signature, bool swallow, bool pending)

@@ -10,6 +10,7 @@
 #include <bitset>
 #include <chrono>
 #include <cstdint>
+#include <optional>
 
 class QKeyEvent;
 
@@ -28,6 +29,11 @@ class KeyboardMonitor;
 /// never reach the monitor (the X server is asked not to send them; where it does send them,
 /// those Qt flags as auto-repeat are dropped); auto-repeated presses arrive as key-downs. How the filter stands
 /// with the accessibility bridge's own key filter is explained in the .cpp.
+///
+/// Under X11 the main window's key events also arrive ahead of Qt's delivery (x11_key_reader.h)
+/// through actBeforeDelivery(). Each key event is acted on once, at whichever of its two copies
+/// comes first, known by its type, native scan code and the window system's time; the other
+/// copy gets the same answer without acting again.
 class KeyEventFilter final : public QObject, private QAccessible::ActivationObserver
 {
     Q_OBJECT
@@ -50,10 +56,18 @@ public:
     /// close behind it, which a key struck again quickly gives too (on a busy machine, when both
     /// wait in the queue). Otherwise releases flagged as auto-repeat are dropped.
     void setRepeatsWithoutReleases(bool on) { repeatsWithoutReleases_ = on; }
+    bool repeatsWithoutReleases() const { return repeatsWithoutReleases_; }
     /// Removes the filter from the application and lets go of the monitor: from now on no key
     /// event reaches it. Nothing happens when the filter is not installed.
     void remove();
     bool isInstalled() const { return installed_; }
+
+    /// A key event of `window` read from the window system ahead of Qt's delivery of it (type,
+    /// native scan code and modifiers, modifier state, the window system's time as timestamp).
+    /// Acted on now, as a first delivery to `window`, unless Qt's copy came first, or the monitor
+    /// still thinks the keys are away (then Qt's copy is acted on, and so are the keys after it
+    /// until Qt has delivered it).
+    void actBeforeDelivery(QWidget* window, const QKeyEvent& event);
 
     /// Modifier flags after the last modifier change: Shift while either Shift key is held,
     /// Command while either key of the platform's shortcut modifier is held.
@@ -95,6 +109,30 @@ private:
         std::chrono::steady_clock::time_point seen;
     };
 
+    // A key event acted on at one of its two copies (see actBeforeDelivery()), and the answer.
+    struct Arrival
+    {
+        int type = 0;
+        std::uint32_t scanCode = 0;
+        std::uint64_t time = 0;
+        bool swallow = false;
+        std::chrono::steady_clock::time_point seen;
+    };
+    // The last arrivals of one kind, oldest first; those older than the repost window are gone.
+    class Arrivals
+    {
+    public:
+        void add(const Arrival& arrival);
+        /// Takes the oldest arrival of `type` and `scanCode`, of exactly `time` unless `anyTime`;
+        /// false when there is none.
+        bool take(int type, std::uint32_t scanCode, std::uint64_t time, bool anyTime, Arrival& taken);
+
+    private:
+        static constexpr std::size_t kMax = 32;
+        std::array<Arrival, kMax> entries_{};
+        std::size_t count_ = 0;
+    };
+
     /// Converts the event, hands it to the monitor, returns the monitor's decision.
     bool act(const QKeyEvent& event);
     /// Makes `event` the current one, whose later deliveries get `swallow`; returns `swallow`.
@@ -118,6 +156,12 @@ private:
     Signature currentSignature_;
     bool currentSwallow_ = false;
     bool currentPending_ = false;
+
+    // Key events acted on ahead of Qt's delivery, and events Qt delivered first.
+    Arrivals actedAhead_;
+    Arrivals deliveredFirst_;
+    // The last key event read ahead and left to Qt's copy, until Qt delivers it.
+    std::optional<Arrival> leftToQt_;
 
     static constexpr std::size_t kMaxPending = 64;
     std::array<Pending, kMaxPending> pending_{};

@@ -2,12 +2,8 @@
 
 #include "input/key_table.h"
 
-#include <QGuiApplication>
-
 #ifdef PLINKORA_HAVE_XCB
-#include <xcb/xcb.h>
-
-#include <cstdlib>
+#include "app/x11_connection.h"
 #endif
 
 namespace plinkora {
@@ -15,14 +11,10 @@ namespace plinkora {
 std::optional<KeySet> x11KeysDown()
 {
 #ifdef PLINKORA_HAVE_XCB
-    const auto* application = qobject_cast<QGuiApplication*>(QCoreApplication::instance());
-    if (!application || QGuiApplication::platformName() != QLatin1String("xcb"))
-        return std::nullopt;
-    const auto* x11 = application->nativeInterface<QNativeInterface::QX11Application>();
-    xcb_connection_t* connection = x11 ? x11->connection() : nullptr;
+    xcb_connection_t* connection = qtX11Connection();
     if (!connection)
         return std::nullopt;
-    xcb_query_keymap_reply_t* reply = xcb_query_keymap_reply(connection, xcb_query_keymap(connection), nullptr);
+    const auto reply = waitForReply(connection, xcb_query_keymap(connection), &xcb_query_keymap_reply);
     if (!reply)
         return std::nullopt;
     // One bit per X key code; an X key code is the evdev code plus 8, as Qt's native scan code.
@@ -33,7 +25,6 @@ std::optional<KeySet> x11KeysDown()
         if (const KeyCode code = positionCodeForNative(KeyPlatform::Linux, keycode); code < down.size())
             down.set(code);
     }
-    std::free(reply);
     return down;
 #else
     return std::nullopt;

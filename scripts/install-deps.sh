@@ -12,7 +12,7 @@ build_and_run=(
     librtmidi-dev libjack-jackd2-dev libasound2-dev
     libspeechd-dev speech-dispatcher speech-dispatcher-espeak-ng
     libfluidsynth-dev timgm6mb-soundfont
-    fonts-dejavu-core libxcb1-dev libxcb-xkb-dev
+    fonts-dejavu-core libxcb1-dev libxcb-xkb-dev libx11-dev
     qt6-tools-dev qt6-l10n-tools qt6-translations-l10n
 )
 packaging=(
@@ -24,7 +24,7 @@ tests=(
     dbus dbus-x11 at-spi2-core orca python3-pyatspi
     sox pulseaudio pulseaudio-utils speech-dispatcher-audio-plugins libao4
     x11-utils systemd util-linux procps libsm-dev libice-dev
-    libx11-dev libxtst-dev x11-xserver-utils jack-keyboard
+    libxtst-dev x11-xserver-utils jack-keyboard
     clang libclang-rt-14-dev python3-xlib
     clang-format clang-tidy
     qt6-speech-dev qt6-declarative-dev

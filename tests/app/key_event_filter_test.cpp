@@ -320,3 +320,150 @@ TEST_F(KeyEventFilterTest, WhereHeldKeysRepeatWithoutReleasesAKeyStruckAgainQuic
     // THEN the note is struck twice and released twice
     EXPECT_EQ(sent(), (std::vector<Bytes>{kNoteOnA, kNoteOffA, kNoteOnA, kNoteOffA}));
 }
+
+namespace {
+
+/// The key-event filter with the main window's key events also read ahead of Qt's delivery (as
+/// under X11): each event comes twice, with the X server's time, in either order.
+class KeysReadAheadTest : public KeyEventFilterTest
+{
+protected:
+    static std::unique_ptr<QKeyEvent> timed(QEvent::Type type, const LinuxKey& key, std::uint64_t time)
+    {
+        auto event = makeKeyEvent(type, key);
+        event->setTimestamp(time);
+        return event;
+    }
+    void readAhead(QEvent::Type type, const LinuxKey& key, std::uint64_t time)
+    {
+        filter->actBeforeDelivery(&mainWindow, *timed(type, key, time));
+    }
+    void delivered(QEvent::Type type, const LinuxKey& key, std::uint64_t time)
+    {
+        auto event = timed(type, key, time);
+        deliverFromWindowSystem(mainWindow, *event);
+    }
+};
+
+} // namespace
+
+// F1 sends its controller at every press, a repeat too: a key acted on twice would show.
+TEST_F(KeysReadAheadTest, AKeyReadAheadIsActedOnAtOnceAndQtsCopyOfItIsNotActedOnAgain)
+{
+    readAhead(QEvent::KeyPress, kLinuxF1, 1000);
+    EXPECT_EQ(sent(), std::vector<Bytes>{kF1Down});
+    delivered(QEvent::KeyPress, kLinuxF1, 1000);
+    readAhead(QEvent::KeyRelease, kLinuxF1, 1040);
+    delivered(QEvent::KeyRelease, kLinuxF1, 1040);
+    EXPECT_EQ(sent(), (std::vector<Bytes>{kF1Down, kF1Up}));
+    EXPECT_TRUE(view->received.empty()); // swallowed at both copies
+}
+
+TEST_F(KeysReadAheadTest, WhenQtsCopyComesFirstTheKeyIsActedOnThenAndTheOneReadAheadIsPassedOver)
+{
+    delivered(QEvent::KeyPress, kLinuxF1, 1000);
+    EXPECT_EQ(sent(), std::vector<Bytes>{kF1Down});
+    readAhead(QEvent::KeyPress, kLinuxF1, 1000);
+    readAhead(QEvent::KeyRelease, kLinuxF1, 1040);
+    delivered(QEvent::KeyRelease, kLinuxF1, 1040);
+    EXPECT_EQ(sent(), (std::vector<Bytes>{kF1Down, kF1Up}));
+}
+
+TEST_F(KeysReadAheadTest, AKeyStruckTwiceIsActedOnTwiceWhateverOrderItsCopiesComeIn)
+{
+    // Both strokes read ahead before Qt delivers the first: the copies are told apart by time.
+    readAhead(QEvent::KeyPress, kLinuxF1, 1000);
+    readAhead(QEvent::KeyRelease, kLinuxF1, 1010);
+    readAhead(QEvent::KeyPress, kLinuxF1, 1020);
+    delivered(QEvent::KeyPress, kLinuxF1, 1000);
+    delivered(QEvent::KeyRelease, kLinuxF1, 1010);
+    delivered(QEvent::KeyPress, kLinuxF1, 1020);
+    // The last release reaches Qt first.
+    delivered(QEvent::KeyRelease, kLinuxF1, 1030);
+    readAhead(QEvent::KeyRelease, kLinuxF1, 1030);
+    EXPECT_EQ(sent(), (std::vector<Bytes>{kF1Down, kF1Up, kF1Down, kF1Up}));
+}
+
+TEST_F(KeysReadAheadTest, AKeyPlinkoraPassesOnReachesTheFocusWidgetOnceFromQtsCopy)
+{
+    readAhead(QEvent::KeyPress, kLinuxMinus, 1000);
+    EXPECT_TRUE(view->received.empty());
+    delivered(QEvent::KeyPress, kLinuxMinus, 1000);
+    ASSERT_EQ(view->received.size(), 1u);
+    EXPECT_EQ(view->received[0], std::make_pair(QEvent::KeyPress, int(Qt::Key_Minus)));
+}
+
+TEST_F(KeysReadAheadTest, WithTheBridgeBehindTheFilterTheScreenReaderHearsEveryKeyPlayedOnce)
+{
+    FakeAccessibilityBridge bridge;
+    bridge.install();
+    filter->install();
+
+    readAhead(QEvent::KeyPress, kLinuxA, 1000);
+    delivered(QEvent::KeyPress, kLinuxA, 1000);
+    readAhead(QEvent::KeyPress, kLinuxMinus, 1010);
+    delivered(QEvent::KeyPress, kLinuxMinus, 1010);
+    EXPECT_EQ(bridge.forwarded, 2);
+    bridge.answerAll();
+    QCoreApplication::processEvents();
+    EXPECT_EQ(sent(), std::vector<Bytes>{kNoteOnA});
+    ASSERT_EQ(view->received.size(), 1u);
+    EXPECT_EQ(view->received[0].second, int(Qt::Key_Minus));
+}
+
+TEST_F(KeysReadAheadTest, WithTheBridgeInFrontTheCopyItPostsOfAKeyReadAheadIsNotPlayedAgain)
+{
+    // GIVEN the bridge in front of Plinkora's filter (a screen reader started later)
+    FakeAccessibilityBridge bridge;
+    bridge.install();
+
+    // WHEN F1 is read ahead, then Qt delivers it and the bridge takes it away and posts a copy
+    readAhead(QEvent::KeyPress, kLinuxF1, 1000);
+    delivered(QEvent::KeyPress, kLinuxF1, 1000);
+    EXPECT_EQ(sent(), std::vector<Bytes>{kF1Down});
+    bridge.answerAll();
+    QCoreApplication::processEvents();
+
+    // THEN its controller was sent once, the copy went nowhere, and the filter is in front again
+    EXPECT_EQ(sent(), std::vector<Bytes>{kF1Down});
+    EXPECT_TRUE(view->received.empty());
+    QCoreApplication::processEvents();
+    readAhead(QEvent::KeyRelease, kLinuxF1, 1040);
+    delivered(QEvent::KeyRelease, kLinuxF1, 1040);
+    bridge.answerAll();
+    QCoreApplication::processEvents();
+    EXPECT_EQ(sent(), (std::vector<Bytes>{kF1Down, kF1Up}));
+    EXPECT_EQ(bridge.forwarded, 2);
+}
+
+TEST_F(KeysReadAheadTest, OnceRemovedTheFilterActsOnNothingReadAhead)
+{
+    filter->remove();
+    readAhead(QEvent::KeyPress, kLinuxA, 1000);
+    EXPECT_TRUE(sent().empty());
+}
+
+TEST_F(KeysReadAheadTest, KeysReadAheadBeforeTheReturnOfTheKeysIsKnownAreLeftToQtAndKeepTheirOrder)
+{
+    // GIVEN the keys away (another window had them), and back at the window system already
+    monitor().focusLost();
+
+    // WHEN keys are read ahead before Qt has handled the return: THEN Qt's copies are acted on
+    readAhead(QEvent::KeyPress, kLinuxF1, 1000);
+    readAhead(QEvent::KeyRelease, kLinuxF1, 1040);
+    EXPECT_TRUE(sent().empty());
+    delivered(QEvent::KeyPress, kLinuxF1, 1000);
+    EXPECT_EQ(sent(), std::vector<Bytes>{kF1Down});
+    // AND a key read ahead while Qt has not delivered all of those waits for its copy too
+    readAhead(QEvent::KeyPress, kLinuxF1, 1080);
+    EXPECT_EQ(sent(), std::vector<Bytes>{kF1Down});
+    delivered(QEvent::KeyRelease, kLinuxF1, 1040);
+    delivered(QEvent::KeyPress, kLinuxF1, 1080);
+    EXPECT_EQ(sent(), (std::vector<Bytes>{kF1Down, kF1Up, kF1Down}));
+
+    // THEN once Qt has caught up, keys are acted on when read ahead again, once
+    readAhead(QEvent::KeyRelease, kLinuxF1, 1120);
+    EXPECT_EQ(sent(), (std::vector<Bytes>{kF1Down, kF1Up, kF1Down, kF1Up}));
+    delivered(QEvent::KeyRelease, kLinuxF1, 1120);
+    EXPECT_EQ(sent(), (std::vector<Bytes>{kF1Down, kF1Up, kF1Down, kF1Up}));
+}

@@ -219,6 +219,45 @@ TEST_F(ProgramTest, AfterACrashTheNextLaunchStarts)
     EXPECT_EQ(next.state(), QProcess::Running);
 }
 
+TEST_F(ProgramTest, UnderX11EveryKeyIsActedOnOnceAndTheMainThreadReadsItAheadOfQt)
+{
+    if (QStandardPaths::findExecutable("Xvfb").isEmpty() || QStandardPaths::findExecutable("xdotool").isEmpty())
+        GTEST_SKIP() << "needs Xvfb and xdotool";
+    PrivateXServer server;
+    ASSERT_FALSE(server.display().isEmpty());
+    environment.remove("QT_QPA_PLATFORM");
+    environment.insert("DISPLAY", server.display());
+    environment.insert("QT_LOGGING_RULES", "plinkora.keys.debug=true");
+
+    QProcess& plinkora = start({"--midi-api", "null"});
+    QString output;
+    ASSERT_TRUE(waitForOutput(plinkora, output, "MIDI output: null"));
+
+    // Twenty strokes of A and K as fast as xdotool types them, then Return as the end mark.
+    QProcess xdotool;
+    xdotool.setProcessEnvironment(environment);
+    const QString script = "for i in $(seq 400); do w=$(xdotool search --name '^Plinkora$' | head -1); "
+                           "[ -n \"$w\" ] && break; sleep 0.05; done; xdotool windowfocus --sync $w; sleep 0.3; "
+                           "for i in $(seq 10); do xdotool key --delay 1 a k; done; sleep 0.2; xdotool key Return";
+    xdotool.start("/bin/sh", {"-c", script});
+    ASSERT_TRUE(xdotool.waitForFinished(30000));
+    EXPECT_EQ(xdotool.exitCode(), 0) << xdotool.readAllStandardError().toStdString();
+    ASSERT_TRUE(waitForOutput(plinkora, output, "Key event received: type=11 keyCode=36"));
+
+    // Each press and release once, however its two copies (read ahead, and Qt's) came.
+    EXPECT_EQ(output.count("Key event received: type=10 keyCode=0"), 10);
+    EXPECT_EQ(output.count("Key event received: type=11 keyCode=0"), 10);
+    EXPECT_EQ(output.count("Key event received: type=10 keyCode=40"), 10);
+    EXPECT_EQ(output.count("Key event received: type=11 keyCode=40"), 10);
+    EXPECT_EQ(output.count("Key event received: type=10 keyCode=36"), 1);
+    const QString log = QString::fromLocal8Bit(plinkora.readAllStandardError());
+    EXPECT_TRUE(log.contains("acted on a key event read ahead of Qt")) << log.toStdString();
+    EXPECT_TRUE(log.contains("Qt's copy of a key event read ahead")) << log.toStdString();
+
+    ::kill(static_cast<pid_t>(plinkora.processId()), SIGTERM);
+    EXPECT_TRUE(plinkora.waitForFinished(10000));
+}
+
 TEST_F(ProgramTest, UnderX11AHeldKeyIsPressedWithRepeatsAndReleasedOnce)
 {
     if (QStandardPaths::findExecutable("Xvfb").isEmpty() || QStandardPaths::findExecutable("xdotool").isEmpty())

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <QObject>
+
+#include <functional>
+#include <memory>
+
+class QKeyEvent;
+class QSocketNotifier;
+class QWindow;
+struct xcb_connection_t;
+
+namespace plinkora {
+
+/// Under X11, the key presses and releases of one window, read on a connection of this
+/// program's own by the main thread itself, the moment the X server sends them.
+///
+/// Qt 6.4 reads its X connection on a thread of its own and wakes the main thread to deliver
+/// each event, a hand-off of 0.1 to 0.2 ms between the key and the note on a small machine. Here
+/// the main thread waits on the X socket as well and hands each key event on at once (its type,
+/// X key code as the native scan code, modifier state, and the X server's time as the
+/// timestamp). Qt still delivers its own copy of every key, so the accessibility bridge hands
+/// each key to the screen reader as before; the key-event filter acts on whichever copy comes
+/// first (see key_event_filter.h).
+///
+/// The X server sends the key events to this connection too because it selects them on the
+/// window: they come while the window has the keyboard and the toolkit has no grab (an open menu
+/// grabs the keyboard, and then only Qt's copy comes). Held keys repeat without releases here as
+/// on Qt's connection (x11_key_repeat.h). Main thread only.
+class X11KeyReader final : public QObject
+{
+    Q_OBJECT
+
+public:
+    using KeyHandler = std::function<void(const QKeyEvent&)>;
+
+    /// A reader of `window`'s key events, handing each to `handler`; null where there is none to
+    /// be had: not on X11, no XKB or no detectable auto-repeat, no connection to the server.
+    static std::unique_ptr<X11KeyReader> open(const QWindow& window, KeyHandler handler);
+    ~X11KeyReader() override;
+
+    X11KeyReader(const X11KeyReader&) = delete;
+    X11KeyReader& operator=(const X11KeyReader&) = delete;
+
+private:
+    X11KeyReader(xcb_connection_t* connection, KeyHandler handler);
+    /// Hands on every key event that has arrived; stops reading when the connection broke.
+    void readEvents();
+
+    xcb_connection_t* connection_ = nullptr;
+    KeyHandler handler_;
+    QSocketNotifier* notifier_ = nullptr;
+};
+
+} // namespace plinkora
