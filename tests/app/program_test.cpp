@@ -50,6 +50,28 @@ protected:
         }
     }
 
+    /// Under the X server `display`: `plinkora --midi-api null` with the key handling's debug lines,
+    /// started and ready; then `keys` (xdotool commands, one shell line) typed into its window once
+    /// it has the focus.
+    QProcess* playUnderX11(const QString& display, QString& output, const QString& keys)
+    {
+        environment.remove("QT_QPA_PLATFORM");
+        environment.insert("DISPLAY", display);
+        environment.insert("QT_LOGGING_RULES", "plinkora.keys.debug=true");
+        QProcess& plinkora = start({"--midi-api", "null"});
+        EXPECT_TRUE(waitForOutput(plinkora, output, "MIDI output: null"));
+
+        QProcess xdotool;
+        xdotool.setProcessEnvironment(environment);
+        const QString script = "for i in $(seq 400); do w=$(xdotool search --name '^Plinkora$' | head -1); "
+                               "[ -n \"$w\" ] && break; sleep 0.05; done; xdotool windowfocus --sync $w; sleep 0.3; "
+            + keys;
+        xdotool.start("/bin/sh", {"-c", script});
+        EXPECT_TRUE(xdotool.waitForFinished(30000));
+        EXPECT_EQ(xdotool.exitCode(), 0) << xdotool.readAllStandardError().toStdString();
+        return &plinkora;
+    }
+
     Finished run(const QStringList& arguments, const QProcessEnvironment& env)
     {
         QProcess process;
@@ -225,24 +247,12 @@ TEST_F(ProgramTest, UnderX11EveryKeyIsActedOnOnceAndTheMainThreadReadsItAheadOfQ
         GTEST_SKIP() << "needs Xvfb and xdotool";
     PrivateXServer server;
     ASSERT_FALSE(server.display().isEmpty());
-    environment.remove("QT_QPA_PLATFORM");
-    environment.insert("DISPLAY", server.display());
-    environment.insert("QT_LOGGING_RULES", "plinkora.keys.debug=true");
-
-    QProcess& plinkora = start({"--midi-api", "null"});
-    QString output;
-    ASSERT_TRUE(waitForOutput(plinkora, output, "MIDI output: null"));
-
     // Twenty strokes of A and K as fast as xdotool types them, then Return as the end mark.
-    QProcess xdotool;
-    xdotool.setProcessEnvironment(environment);
-    const QString script = "for i in $(seq 400); do w=$(xdotool search --name '^Plinkora$' | head -1); "
-                           "[ -n \"$w\" ] && break; sleep 0.05; done; xdotool windowfocus --sync $w; sleep 0.3; "
-                           "for i in $(seq 10); do xdotool key --delay 1 a k; done; sleep 0.2; xdotool key Return";
-    xdotool.start("/bin/sh", {"-c", script});
-    ASSERT_TRUE(xdotool.waitForFinished(30000));
-    EXPECT_EQ(xdotool.exitCode(), 0) << xdotool.readAllStandardError().toStdString();
-    ASSERT_TRUE(waitForOutput(plinkora, output, "Key event received: type=11 keyCode=36"));
+    QString output;
+    QProcess* plinkora =
+        playUnderX11(server.display(), output,
+                     "for i in $(seq 10); do xdotool key --delay 1 a k; done; sleep 0.2; xdotool key Return");
+    ASSERT_TRUE(waitForOutput(*plinkora, output, "Key event received: type=11 keyCode=36"));
 
     // Each press and release once, however its two copies (read ahead, and Qt's) came.
     EXPECT_EQ(output.count("Key event received: type=10 keyCode=0"), 10);
@@ -250,12 +260,12 @@ TEST_F(ProgramTest, UnderX11EveryKeyIsActedOnOnceAndTheMainThreadReadsItAheadOfQ
     EXPECT_EQ(output.count("Key event received: type=10 keyCode=40"), 10);
     EXPECT_EQ(output.count("Key event received: type=11 keyCode=40"), 10);
     EXPECT_EQ(output.count("Key event received: type=10 keyCode=36"), 1);
-    const QString log = QString::fromLocal8Bit(plinkora.readAllStandardError());
+    const QString log = QString::fromLocal8Bit(plinkora->readAllStandardError());
     EXPECT_TRUE(log.contains("acted on a key event read ahead of Qt")) << log.toStdString();
     EXPECT_TRUE(log.contains("Qt's copy of a key event read ahead")) << log.toStdString();
 
-    ::kill(static_cast<pid_t>(plinkora.processId()), SIGTERM);
-    EXPECT_TRUE(plinkora.waitForFinished(10000));
+    ::kill(static_cast<pid_t>(plinkora->processId()), SIGTERM);
+    EXPECT_TRUE(plinkora->waitForFinished(10000));
 }
 
 TEST_F(ProgramTest, UnderX11AHeldKeyIsPressedWithRepeatsAndReleasedOnce)
@@ -264,32 +274,18 @@ TEST_F(ProgramTest, UnderX11AHeldKeyIsPressedWithRepeatsAndReleasedOnce)
         GTEST_SKIP() << "needs Xvfb and xdotool";
     PrivateXServer server;
     ASSERT_FALSE(server.display().isEmpty());
-    environment.remove("QT_QPA_PLATFORM");
-    environment.insert("DISPLAY", server.display());
-    environment.insert("QT_LOGGING_RULES", "plinkora.keys.debug=true");
-
-    QProcess& plinkora = start({"--midi-api", "null"});
+    // A held for longer than the X server's repeat delay.
     QString output;
-    ASSERT_TRUE(waitForOutput(plinkora, output, "MIDI output: null"));
-
-    // Focus the window and hold A for longer than the X server's repeat delay.
-    QProcess xdotool;
-    xdotool.setProcessEnvironment(environment);
-    const QString script = "for i in $(seq 400); do w=$(xdotool search --name '^Plinkora$' | head -1); "
-                           "[ -n \"$w\" ] && break; sleep 0.05; done; xdotool windowfocus --sync $w; sleep 0.3; "
-                           "xdotool keydown a; sleep 1.5; xdotool keyup a";
-    xdotool.start("/bin/sh", {"-c", script});
-    ASSERT_TRUE(xdotool.waitForFinished(20000));
-    EXPECT_EQ(xdotool.exitCode(), 0) << xdotool.readAllStandardError().toStdString();
-    ASSERT_TRUE(waitForOutput(plinkora, output, "Key event received: type=11 keyCode=0"));
+    QProcess* plinkora = playUnderX11(server.display(), output, "xdotool keydown a; sleep 1.5; xdotool keyup a");
+    ASSERT_TRUE(waitForOutput(*plinkora, output, "Key event received: type=11 keyCode=0"));
     QThread::msleep(300);
-    plinkora.waitForReadyRead(100);
-    output += QString::fromLocal8Bit(plinkora.readAllStandardOutput());
+    plinkora->waitForReadyRead(100);
+    output += QString::fromLocal8Bit(plinkora->readAllStandardOutput());
 
     EXPECT_GE(output.count("Key event received: type=10 keyCode=0"), 2); // the press and its repeats
     EXPECT_EQ(output.count("Key event received: type=11 keyCode=0"), 1); // one release
-    EXPECT_TRUE(QString::fromLocal8Bit(plinkora.readAllStandardError()).contains("detectable auto-repeat: true"));
+    EXPECT_TRUE(QString::fromLocal8Bit(plinkora->readAllStandardError()).contains("detectable auto-repeat: true"));
 
-    ::kill(static_cast<pid_t>(plinkora.processId()), SIGTERM);
-    EXPECT_TRUE(plinkora.waitForFinished(10000));
+    ::kill(static_cast<pid_t>(plinkora->processId()), SIGTERM);
+    EXPECT_TRUE(plinkora->waitForFinished(10000));
 }
