@@ -10,6 +10,8 @@
 
 #include <algorithm>
 
+#include <dlfcn.h>
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -32,6 +34,14 @@ bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds t
         std::this_thread::sleep_for(5ms);
     }
     return true;
+}
+
+// Whether libinstpatch has been started in this process: its ipatch_init registers its types.
+bool libInstPatchStarted()
+{
+    using TypeFromName = std::size_t (*)(const char*);
+    const auto typeFromName = reinterpret_cast<TypeFromName>(dlsym(RTLD_DEFAULT, "g_type_from_name"));
+    return typeFromName != nullptr && typeFromName("IpatchDLSFile") != 0;
 }
 
 std::vector<std::uint8_t> message(std::initializer_list<std::uint8_t> bytes)
@@ -216,6 +226,36 @@ TEST_F(BuiltInSynthTest, AFileThatIsNoSoundFontIsRefusedAndTheFontInUseKeepsPlay
     EXPECT_TRUE(synth.isAudible());
     EXPECT_EQ(synth.engine().soundFont(), BuiltInSynth::defaultSoundFont());
 }
+
+#if defined(PLINKORA_HAVE_INSTPATCH_START)
+TEST_F(BuiltInSynthTest, LibInstPatchStartsOnlyForAFileTheSoundFontLoadersCannotRead)
+{
+    BuiltInSynth synth(settings, fileOutput());
+    std::vector<QString> announced;
+    synth.setAnnounce([&](const UserText& text) { announced.push_back(text.shown); });
+    synth.start();
+    ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
+    // The default font and a program loaded later: no DLS loader needed.
+    synth.midiSent(message({0xC0, 40}));
+    ASSERT_TRUE(waitFor([&] { return synth.engine().program(0) == 40; }));
+    EXPECT_FALSE(libInstPatchStarted());
+
+    // A file no SF2 loader reads reaches FluidSynth's DLS loader, which gets libinstpatch started.
+    const QString bogus = dir.filePath("bogus.dls");
+    {
+        QFile file(bogus);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write("RIFF\x04\x00\x00\x00DLS ");
+    }
+    synth.setSoundFont(bogus.toStdString());
+    ASSERT_TRUE(waitFor([&] { return !announced.empty(); }));
+    EXPECT_EQ(announced.front(), QStringLiteral("Sound font could not be read: ") + bogus);
+    EXPECT_TRUE(libInstPatchStarted());
+    EXPECT_TRUE(synth.isAudible());
+    synth.midiSent(message({0x90, 60, 100}));
+    EXPECT_GT(synth.engine().activeVoices(), 0);
+}
+#endif
 
 TEST_F(BuiltInSynthTest, AnAudioOutputThatCannotOpenSaysOneLine)
 {
