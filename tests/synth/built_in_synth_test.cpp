@@ -67,12 +67,54 @@ protected:
         return options;
     }
 
+    /// A file of the test's own folder with `content`.
+    QString writeFile(const char* name, const QByteArray& content) const
+    {
+        const QString path = dir.filePath(name);
+        QFile file(path);
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(content);
+        return path;
+    }
+
+    /// Chooses `path` as the sound font of `synth`, which announces into `announced`; it is
+    /// refused with one announcement and the font in use keeps playing.
+    static void expectRefused(BuiltInSynth& synth, const std::vector<QString>& announced, const QString& path)
+    {
+        synth.setSoundFont(path.toStdString());
+        ASSERT_TRUE(waitFor([&] { return !announced.empty(); }));
+        EXPECT_EQ(announced.front(), QStringLiteral("Sound font could not be read: ") + path);
+        EXPECT_TRUE(synth.isAudible());
+    }
+
     QTemporaryDir dir;
     QSettings qsettings;
     SettingsStore settings;
 };
 
 } // namespace
+
+#if defined(PLINKORA_HAVE_INSTPATCH_START)
+// First of the file: libinstpatch's types, once registered, stay for the rest of the process.
+TEST_F(BuiltInSynthTest, LibInstPatchStartsOnlyForAFileTheSoundFontLoadersCannotRead)
+{
+    BuiltInSynth synth(settings, fileOutput());
+    std::vector<QString> announced;
+    synth.setAnnounce([&](const UserText& text) { announced.push_back(text.shown); });
+    synth.start();
+    ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
+    // The default font and a program loaded later: no DLS loader needed.
+    synth.midiSent(message({0xC0, 40}));
+    ASSERT_TRUE(waitFor([&] { return synth.engine().program(0) == 40; }));
+    EXPECT_FALSE(libInstPatchStarted());
+
+    // A file no SF2 loader reads reaches FluidSynth's DLS loader, which gets libinstpatch started.
+    expectRefused(synth, announced, writeFile("bogus.dls", "not a sound font either"));
+    EXPECT_TRUE(libInstPatchStarted());
+    synth.midiSent(message({0x90, 60, 100}));
+    EXPECT_GT(synth.engine().activeVoices(), 0);
+}
+#endif
 
 TEST_F(BuiltInSynthTest, TheDefaultFontLoadsOnTheWorkerAndProgramsSentBeforeAreKept)
 {
@@ -214,48 +256,9 @@ TEST_F(BuiltInSynthTest, AFileThatIsNoSoundFontIsRefusedAndTheFontInUseKeepsPlay
     synth.setAnnounce([&](const UserText& text) { announced.push_back(text.shown); });
     synth.start();
     ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
-    const QString bogus = dir.filePath("bogus.sf2");
-    {
-        QFile file(bogus);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("not a sound font");
-    }
-    synth.setSoundFont(bogus.toStdString());
-    ASSERT_TRUE(waitFor([&] { return !announced.empty(); }));
-    EXPECT_EQ(announced.front(), QStringLiteral("Sound font could not be read: ") + bogus);
-    EXPECT_TRUE(synth.isAudible());
+    expectRefused(synth, announced, writeFile("bogus.sf2", "not a sound font"));
     EXPECT_EQ(synth.engine().soundFont(), BuiltInSynth::defaultSoundFont());
 }
-
-#if defined(PLINKORA_HAVE_INSTPATCH_START)
-TEST_F(BuiltInSynthTest, LibInstPatchStartsOnlyForAFileTheSoundFontLoadersCannotRead)
-{
-    BuiltInSynth synth(settings, fileOutput());
-    std::vector<QString> announced;
-    synth.setAnnounce([&](const UserText& text) { announced.push_back(text.shown); });
-    synth.start();
-    ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
-    // The default font and a program loaded later: no DLS loader needed.
-    synth.midiSent(message({0xC0, 40}));
-    ASSERT_TRUE(waitFor([&] { return synth.engine().program(0) == 40; }));
-    EXPECT_FALSE(libInstPatchStarted());
-
-    // A file no SF2 loader reads reaches FluidSynth's DLS loader, which gets libinstpatch started.
-    const QString bogus = dir.filePath("bogus.dls");
-    {
-        QFile file(bogus);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("RIFF\x04\x00\x00\x00DLS ");
-    }
-    synth.setSoundFont(bogus.toStdString());
-    ASSERT_TRUE(waitFor([&] { return !announced.empty(); }));
-    EXPECT_EQ(announced.front(), QStringLiteral("Sound font could not be read: ") + bogus);
-    EXPECT_TRUE(libInstPatchStarted());
-    EXPECT_TRUE(synth.isAudible());
-    synth.midiSent(message({0x90, 60, 100}));
-    EXPECT_GT(synth.engine().activeVoices(), 0);
-}
-#endif
 
 TEST_F(BuiltInSynthTest, AnAudioOutputThatCannotOpenSaysOneLine)
 {
