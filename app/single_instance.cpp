@@ -133,13 +133,10 @@ bool SingleInstance::listen()
     serverSocket_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (serverSocket_ < 0)
         return fail(errorText(errno));
-    // Only the user may connect: the socket file is made without access for others.
-    const mode_t oldMask = ::umask(0077);
-    const int bound = ::bind(serverSocket_, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    const int bindError = errno;
-    ::umask(oldMask);
-    if (bound != 0)
-        return fail(errorText(bindError));
+    if (::bind(serverSocket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        return fail(errorText(errno));
+    // Only the user may connect (the folder is the user's own as well).
+    ::chmod(address.sun_path, S_IRUSR | S_IWUSR);
     if (::listen(serverSocket_, 8) != 0) {
         const int listenError = errno;
         ::unlink(address.sun_path);
