@@ -6,7 +6,7 @@
 #include "midi/fan_out_backend.h"
 #include "midi/midi_service_probe.h"
 #include "platform/desktop_announcer.h"
-#include "platform/qt_sound_player.h"
+#include "platform/lazy_sound_player.h"
 #include "platform/screen_reader_monitor.h"
 #if defined(PLINKORA_HAVE_SPEECHD)
 #include "platform/speech_dispatcher_voice.h"
@@ -67,7 +67,7 @@ AppServices DesktopServices::services()
 {
     AppServices services;
     services.makeMIDIBackend = [this] { return makeMIDIBackend(); };
-    services.makeSoundPlayer = [] { return std::make_unique<QtSoundPlayer>(); };
+    services.makeSoundPlayer = [] { return std::make_unique<LazySoundPlayer>(); };
     services.makeAnnouncer = [this] { return makeAnnouncer(); };
     services.chooseSoundFont = [this](const QString& path) {
         if (synth_)

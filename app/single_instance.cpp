@@ -4,17 +4,78 @@
 
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
-#include <QLocalServer>
-#include <QLocalSocket>
+#include <QSocketNotifier>
 #include <QThread>
 
-#ifdef Q_OS_UNIX
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
-#endif
 
 namespace plinkora {
+
+namespace {
+
+// The socket's address; false when the path does not fit.
+bool socketAddress(const QString& path, sockaddr_un& address)
+{
+    address = sockaddr_un{};
+    address.sun_family = AF_UNIX;
+    const QByteArray name = QFile::encodeName(path);
+    if (static_cast<std::size_t>(name.size()) >= sizeof address.sun_path)
+        return false;
+    std::memcpy(address.sun_path, name.constData(), static_cast<std::size_t>(name.size()));
+    return true;
+}
+
+std::string errorText(int error)
+{
+    return std::strerror(error);
+}
+
+// write() all of `text`, or false.
+bool writeAll(int fd, const char* text)
+{
+    std::size_t left = std::strlen(text);
+    while (left > 0) {
+        const ssize_t written = ::send(fd, text, left, MSG_NOSIGNAL);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return false;
+        text += written;
+        left -= static_cast<std::size_t>(written);
+    }
+    return true;
+}
+
+} // namespace
+
+/// A later launch's connection: what it has sent so far, read as the event loop sees it come.
+class SingleInstance::Connection
+{
+public:
+    explicit Connection(int socket)
+        : fd(socket)
+        , notifier(socket, QSocketNotifier::Read)
+    {
+    }
+    ~Connection() { ::close(fd); }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    const int fd;
+    QSocketNotifier notifier;
+    QByteArray received;
+};
 
 SingleInstance::SingleInstance(const QString& directory)
     : QObject(nullptr)
@@ -38,13 +99,9 @@ QString SingleInstance::defaultDirectory()
     QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
     if (!runtime.isEmpty() && QFileInfo(runtime).isDir())
         return runtime;
-#ifdef Q_OS_UNIX
     QString folder = QDir::temp().filePath(QStringLiteral("plinkora-%1").arg(::getuid()));
     ::mkdir(QFile::encodeName(folder).constData(), 0700);
     return folder;
-#else
-    return QDir::tempPath();
-#endif
 }
 
 bool SingleInstance::claim()
@@ -59,53 +116,89 @@ bool SingleInstance::claim()
 
 bool SingleInstance::listen()
 {
-    if (server_)
-        return server_->isListening();
-    // A socket file left by a crashed instance would make listening fail.
-    QLocalServer::removeServer(socketPath_);
-    server_ = std::make_unique<QLocalServer>();
-    server_->setSocketOptions(QLocalServer::UserAccessOption);
-    if (!server_->listen(socketPath_)) {
-        printLine("Could not listen for later launches on " + socketPath_.toStdString() + ": "
-                  + server_->errorString().toStdString());
-        server_.reset();
+    if (serverSocket_ >= 0)
+        return true;
+    const auto fail = [this](const std::string& why) {
+        printLine("Could not listen for later launches on " + socketPath_.toStdString() + ": " + why);
+        if (serverSocket_ >= 0)
+            ::close(serverSocket_);
+        serverSocket_ = -1;
         return false;
+    };
+    sockaddr_un address;
+    if (!socketAddress(socketPath_, address))
+        return fail("the path is too long for a socket");
+    // A socket file left by a crashed instance would make listening fail.
+    ::unlink(address.sun_path);
+    serverSocket_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (serverSocket_ < 0)
+        return fail(errorText(errno));
+    if (::bind(serverSocket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        return fail(errorText(errno));
+    // Only the user may connect (the folder is the user's own as well).
+    ::chmod(address.sun_path, S_IRUSR | S_IWUSR);
+    if (::listen(serverSocket_, 8) != 0) {
+        const int listenError = errno;
+        ::unlink(address.sun_path);
+        return fail(errorText(listenError));
     }
-    connect(server_.get(), &QLocalServer::newConnection, this, &SingleInstance::acceptConnections);
+    serverNotifier_ = std::make_unique<QSocketNotifier>(serverSocket_, QSocketNotifier::Read);
+    connect(serverNotifier_.get(), &QSocketNotifier::activated, this, &SingleInstance::acceptConnections);
     return true;
 }
 
 void SingleInstance::stopListening()
 {
-    if (server_)
-        server_->close(); // removes the socket file
-    server_.reset();
+    connections_.clear();
+    if (serverSocket_ < 0)
+        return;
+    serverNotifier_.reset();
+    ::close(serverSocket_);
+    serverSocket_ = -1;
+    QFile::remove(socketPath_);
 }
 
 bool SingleInstance::isListening() const
 {
-    return server_ && server_->isListening();
+    return serverSocket_ >= 0;
 }
 
 bool SingleInstance::askRunningInstanceToShow(int timeoutMs) const
 {
+    sockaddr_un address;
+    if (!socketAddress(socketPath_, address))
+        return false;
     const QDeadlineTimer deadline(timeoutMs);
     // The running instance takes the lock some tens of milliseconds before it listens (its port
     // and the toolkit come first): a launch in that moment tries again.
     while (!deadline.hasExpired()) {
-        QLocalSocket socket;
-        socket.connectToServer(socketPath_);
-        if (!socket.waitForConnected(static_cast<int>(deadline.remainingTime()))) {
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0)
+            return false;
+        if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            ::close(fd);
             QThread::msleep(20);
             continue;
         }
-        socket.write(kShowRequest);
-        if (!socket.waitForBytesWritten(static_cast<int>(deadline.remainingTime())))
-            continue;
         QByteArray answer;
-        while (!answer.contains('\n') && socket.waitForReadyRead(static_cast<int>(deadline.remainingTime())))
-            answer += socket.readAll();
-        answer += socket.readAll();
+        if (writeAll(fd, kShowRequest)) {
+            while (!answer.contains('\n') && !deadline.hasExpired()) {
+                pollfd wait{fd, POLLIN, 0};
+                const int ready = ::poll(&wait, 1, static_cast<int>(deadline.remainingTime()));
+                if (ready < 0 && errno == EINTR)
+                    continue;
+                if (ready <= 0)
+                    break;
+                char buffer[64];
+                const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
+                if (got < 0 && errno == EINTR)
+                    continue;
+                if (got <= 0)
+                    break;
+                answer.append(buffer, got);
+            }
+        }
+        ::close(fd);
         return answer == kShownAnswer;
     }
     return false;
@@ -113,25 +206,49 @@ bool SingleInstance::askRunningInstanceToShow(int timeoutMs) const
 
 void SingleInstance::acceptConnections()
 {
-    while (QLocalSocket* socket = server_->nextPendingConnection()) {
-        connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
-        connect(socket, &QLocalSocket::readyRead, this, [this, socket] { readRequest(socket); });
-        if (socket->bytesAvailable() > 0)
-            readRequest(socket);
+    for (;;) {
+        const int fd = ::accept4(serverSocket_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd < 0) {
+            if (errno == EINTR)
+                continue;
+            return; // EAGAIN: none waiting any more
+        }
+        auto& connection = connections_.emplace_back(std::make_unique<Connection>(fd));
+        Connection* added = connection.get();
+        connect(&added->notifier, &QSocketNotifier::activated, this, [this, added] { readRequest(*added); });
     }
 }
 
-void SingleInstance::readRequest(QLocalSocket* socket)
+void SingleInstance::readRequest(Connection& connection)
 {
-    if (!socket->canReadLine())
+    char buffer[64];
+    const ssize_t got = ::recv(connection.fd, buffer, sizeof buffer, 0);
+    if (got < 0 && (errno == EAGAIN || errno == EINTR))
         return;
-    const QByteArray request = socket->readLine();
-    if (request == kShowRequest) {
+    if (got > 0)
+        connection.received.append(buffer, got);
+    const qsizetype end = connection.received.indexOf('\n');
+    if (got > 0 && end < 0 && connection.received.size() < 64)
+        return; // the rest of the line is still to come
+    if (end >= 0 && connection.received.left(end + 1) == kShowRequest) {
         emit showRequested();
-        socket->write(kShownAnswer);
-        socket->flush();
+        writeAll(connection.fd, kShownAnswer);
     }
-    socket->disconnectFromServer();
+    closeConnection(connection);
+}
+
+void SingleInstance::closeConnection(Connection& connection)
+{
+    // Its notifier has called here: the connection goes once the event loop is done with it.
+    connection.notifier.setEnabled(false);
+    const auto it = std::find_if(connections_.begin(), connections_.end(),
+                                 [&connection](const auto& open) { return open.get() == &connection; });
+    if (it == connections_.end())
+        return;
+    std::shared_ptr<Connection> closing = std::move(*it);
+    connections_.erase(it);
+    QMetaObject::invokeMethod(
+        this, [closing] {}, Qt::QueuedConnection);
 }
 
 } // namespace plinkora

@@ -5,9 +5,9 @@
 #include <QString>
 
 #include <memory>
+#include <vector>
 
-class QLocalServer;
-class QLocalSocket;
+class QSocketNotifier;
 
 namespace plinkora {
 
@@ -16,6 +16,9 @@ namespace plinkora {
 /// finds the lock held, connects, asks the running instance to bring its main window forward,
 /// and exits before it makes any MIDI port. A lock left by a crashed instance is taken over
 /// (its process is gone), and so is the socket file it left behind. Main thread only.
+///
+/// The socket is a plain Unix-domain stream socket watched by the event loop, so that the
+/// program does not load Qt Network (and its Kerberos and proxy libraries) for one request line.
 ///
 /// claim() needs no application object (the program calls it before the toolkit starts);
 /// listen() and askRunningInstanceToShow() need a QCoreApplication.
@@ -63,13 +66,18 @@ signals:
     void showRequested();
 
 private:
+    class Connection;
+
     void acceptConnections();
-    void readRequest(QLocalSocket* socket);
+    void readRequest(Connection& connection);
+    void closeConnection(Connection& connection);
 
     QString socketPath_;
     QString lockPath_;
     QLockFile lock_;
-    std::unique_ptr<QLocalServer> server_;
+    int serverSocket_ = -1;
+    std::unique_ptr<QSocketNotifier> serverNotifier_;
+    std::vector<std::unique_ptr<Connection>> connections_;
 };
 
 } // namespace plinkora

@@ -1,11 +1,11 @@
 #include "platform/qt_sound_player.h"
 
+#include "platform/sound_folder.h"
+
 #include <QAudioDevice>
 #include <QAudioFormat>
 #include <QAudioSink>
 #include <QBuffer>
-#include <QCoreApplication>
-#include <QDir>
 #include <QFileInfo>
 #include <QMediaDevices>
 #include <QTimer>
@@ -14,17 +14,8 @@ namespace plinkora {
 
 namespace {
 
-const QString kProbeFile = QStringLiteral("up.wav");
-
 // Room for the sound server's own buffering after the last sample has been handed over.
 constexpr int kPlayOutMarginMs = 400;
-
-QString executableFolder()
-{
-    if (QCoreApplication::instance() != nullptr)
-        return QCoreApplication::applicationDirPath();
-    return QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath().section(QLatin1Char('/'), 0, -2);
-}
 
 QString describe(QAudio::Error error)
 {
@@ -55,26 +46,9 @@ QtSoundPlayer::~QtSoundPlayer()
     stopCurrent();
 }
 
-std::optional<std::string> QtSoundPlayer::findResourceFolder(const std::optional<QString>& environmentValue,
-                                                             const QString& executableFolder)
-{
-    if (environmentValue)
-        return environmentValue->toStdString();
-    const QDir executable(executableFolder);
-    const QString installed = QDir::cleanPath(executable.filePath(QStringLiteral("../share/plinkora")));
-    if (QFileInfo::exists(QDir(installed).filePath(kProbeFile)))
-        return installed.toStdString();
-    if (QFileInfo::exists(executable.filePath(kProbeFile)))
-        return QDir::cleanPath(executable.path()).toStdString();
-    return std::nullopt;
-}
-
 std::optional<std::string> QtSoundPlayer::resourcePath() const
 {
-    std::optional<QString> environmentValue;
-    if (!qEnvironmentVariableIsEmpty("PLINKORA_RESOURCE_DIR"))
-        environmentValue = qEnvironmentVariable("PLINKORA_RESOURCE_DIR");
-    return findResourceFolder(environmentValue, executableFolder());
+    return soundFolder();
 }
 
 const WavSound* QtSoundPlayer::load(const QString& path, QString& error)

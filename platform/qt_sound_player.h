@@ -26,6 +26,8 @@ namespace plinkora {
 ///
 /// Qt 6.4 looks for the sound server once, when the first sound is played; a server started
 /// later is not found until Plinkora is started again (one that goes away and comes back is).
+///
+/// The program loads it with Qt Multimedia when the first sound plays (lazy_sound_player.h).
 class QtSoundPlayer final : public QObject, public SoundPlayer
 {
     Q_OBJECT
@@ -37,19 +39,12 @@ public:
     QtSoundPlayer(const QtSoundPlayer&) = delete;
     QtSoundPlayer& operator=(const QtSoundPlayer&) = delete;
 
-    /// $PLINKORA_RESOURCE_DIR when set; else <executable's folder>/../share/plinkora when it holds
-    /// up.wav (an installed Plinkora); else the executable's own folder when it holds up.wav (a
-    /// build tree); else nothing.
+    /// The folder soundFolder() finds.
     std::optional<std::string> resourcePath() const override;
     bool play(const std::string& path, std::string& error) override;
 
     /// True while a sound plays.
     bool isPlaying() const;
-
-    /// The folder resourcePath() chooses, given the environment variable's value (nothing when
-    /// it is not set) and the executable's folder.
-    static std::optional<std::string> findResourceFolder(const std::optional<QString>& environmentValue,
-                                                         const QString& executableFolder);
 
 signals:
     /// The current sound has played to its end (not emitted for a sound cut off by a new one).

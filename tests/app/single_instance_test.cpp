@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -66,6 +67,15 @@ TEST(SingleInstance, TheFirstLaunchClaimsAndListens)
     ASSERT_TRUE(first.listen());
     EXPECT_TRUE(first.isListening());
     EXPECT_EQ(first.socketPath(), dir.filePath("plinkora.socket"));
+    // Only the user may connect to it.
+    struct stat socketFile
+    {
+    };
+    ASSERT_EQ(::stat(QFile::encodeName(first.socketPath()).constData(), &socketFile), 0);
+    EXPECT_TRUE(S_ISSOCK(socketFile.st_mode));
+    EXPECT_EQ(socketFile.st_mode & 0077, 0U);
+    first.stopListening();
+    EXPECT_FALSE(QFile::exists(first.socketPath()));
 }
 
 TEST(SingleInstance, ASecondLaunchFindsItRunningAndAsksItToShowItsWindow)

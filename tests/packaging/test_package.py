@@ -2,6 +2,7 @@
 errors), installed with apt-get, its files in the places the desktop looks for them, the
 installed program publishing its port, and removed cleanly again."""
 
+import glob
 import os
 import re
 import struct
@@ -71,6 +72,9 @@ class PackageTest(unittest.TestCase):
         for sound in ("up.wav", "down.wav"):
             self.assertTrue(os.path.isfile(f"/usr/share/plinkora/{sound}"), sound)
         self.assertTrue(os.path.isfile("/usr/share/plinkora/translations/plinkora_de.qm"))
+        # The sound module, which the program loads with its first feedback sound.
+        modules = glob.glob("/usr/lib/*/plinkora/libplinkora_sound_output.so")
+        self.assertEqual(len(modules), 1, modules)
 
     def test_3_the_manual_page_documents_every_option_of_help(self):
         page = run("man", "-P", "cat", "plinkora", env=dict(os.environ, MANWIDTH="200", LANG="C.UTF-8")).stdout

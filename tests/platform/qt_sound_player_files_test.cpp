@@ -1,6 +1,7 @@
 // What the sound player says about files, and where it looks for them. (Playing through a sound
 // server is in qt_sound_player_test.cpp, and without one in no_services_test.cpp.)
 #include "platform/qt_sound_player.h"
+#include "platform/sound_folder.h"
 
 #include <QDir>
 #include <QFile>
@@ -72,7 +73,7 @@ TEST(QtSoundPlayerFilesTest, TheEnvironmentVariableDecidesFirst)
 {
     QTemporaryDir executable;
     touch(executable.filePath(QStringLiteral("up.wav")));
-    EXPECT_EQ(QtSoundPlayer::findResourceFolder(QStringLiteral("/opt/sounds"), executable.path()),
+    EXPECT_EQ(findSoundFolder(QStringLiteral("/opt/sounds"), executable.path()),
               std::optional<std::string>("/opt/sounds"));
 }
 
@@ -82,7 +83,7 @@ TEST(QtSoundPlayerFilesTest, AnInstalledPlinkoraUsesShare)
     touch(prefix.filePath(QStringLiteral("share/plinkora/up.wav")));
     QDir().mkpath(prefix.filePath(QStringLiteral("bin")));
     touch(prefix.filePath(QStringLiteral("bin/up.wav"))); // the installed folder still wins
-    EXPECT_EQ(QtSoundPlayer::findResourceFolder(std::nullopt, prefix.filePath(QStringLiteral("bin"))),
+    EXPECT_EQ(findSoundFolder(std::nullopt, prefix.filePath(QStringLiteral("bin"))),
               std::optional<std::string>(prefix.filePath(QStringLiteral("share/plinkora")).toStdString()));
 }
 
@@ -90,7 +91,7 @@ TEST(QtSoundPlayerFilesTest, ABuildTreeUsesTheExecutablesFolder)
 {
     QTemporaryDir build;
     touch(build.filePath(QStringLiteral("bin/up.wav")));
-    EXPECT_EQ(QtSoundPlayer::findResourceFolder(std::nullopt, build.filePath(QStringLiteral("bin"))),
+    EXPECT_EQ(findSoundFolder(std::nullopt, build.filePath(QStringLiteral("bin"))),
               std::optional<std::string>(build.filePath(QStringLiteral("bin")).toStdString()));
 }
 
@@ -98,12 +99,12 @@ TEST(QtSoundPlayerFilesTest, NoSoundsNoFolder)
 {
     QTemporaryDir empty;
     QDir().mkpath(empty.filePath(QStringLiteral("bin")));
-    EXPECT_EQ(QtSoundPlayer::findResourceFolder(std::nullopt, empty.filePath(QStringLiteral("bin"))), std::nullopt);
+    EXPECT_EQ(findSoundFolder(std::nullopt, empty.filePath(QStringLiteral("bin"))), std::nullopt);
 }
 
 TEST(QtSoundPlayerFilesTest, TheBuildsOwnSoundsAreFound)
 {
-    EXPECT_EQ(QtSoundPlayer::findResourceFolder(std::nullopt, QStringLiteral(PLINKORA_TEST_SOUNDS_DIR)),
+    EXPECT_EQ(findSoundFolder(std::nullopt, QStringLiteral(PLINKORA_TEST_SOUNDS_DIR)),
               std::optional<std::string>(QDir::cleanPath(QStringLiteral(PLINKORA_TEST_SOUNDS_DIR)).toStdString()));
 }
 

@@ -10,6 +10,8 @@
 
 #include <algorithm>
 
+#include <dlfcn.h>
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -32,6 +34,14 @@ bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds t
         std::this_thread::sleep_for(5ms);
     }
     return true;
+}
+
+// Whether libinstpatch has been started in this process: its ipatch_init registers its types.
+bool libInstPatchStarted()
+{
+    using TypeFromName = std::size_t (*)(const char*);
+    const auto typeFromName = reinterpret_cast<TypeFromName>(dlsym(RTLD_DEFAULT, "g_type_from_name"));
+    return typeFromName != nullptr && typeFromName("IpatchDLSFile") != 0;
 }
 
 std::vector<std::uint8_t> message(std::initializer_list<std::uint8_t> bytes)
@@ -57,12 +67,54 @@ protected:
         return options;
     }
 
+    /// A file of the test's own folder with `content`.
+    QString writeFile(const char* name, const QByteArray& content) const
+    {
+        const QString path = dir.filePath(name);
+        QFile file(path);
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(content);
+        return path;
+    }
+
+    /// Chooses `path` as the sound font of `synth`, which announces into `announced`; it is
+    /// refused with one announcement and the font in use keeps playing.
+    static void expectRefused(BuiltInSynth& synth, const std::vector<QString>& announced, const QString& path)
+    {
+        synth.setSoundFont(path.toStdString());
+        ASSERT_TRUE(waitFor([&] { return !announced.empty(); }));
+        EXPECT_EQ(announced.front(), QStringLiteral("Sound font could not be read: ") + path);
+        EXPECT_TRUE(synth.isAudible());
+    }
+
     QTemporaryDir dir;
     QSettings qsettings;
     SettingsStore settings;
 };
 
 } // namespace
+
+#if defined(PLINKORA_HAVE_INSTPATCH_START)
+// First of the file: libinstpatch's types, once registered, stay for the rest of the process.
+TEST_F(BuiltInSynthTest, LibInstPatchStartsOnlyForAFileTheSoundFontLoadersCannotRead)
+{
+    BuiltInSynth synth(settings, fileOutput());
+    std::vector<QString> announced;
+    synth.setAnnounce([&](const UserText& text) { announced.push_back(text.shown); });
+    synth.start();
+    ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
+    // The default font and a program loaded later: no DLS loader needed.
+    synth.midiSent(message({0xC0, 40}));
+    ASSERT_TRUE(waitFor([&] { return synth.engine().program(0) == 40; }));
+    EXPECT_FALSE(libInstPatchStarted());
+
+    // A file no SF2 loader reads reaches FluidSynth's DLS loader, which gets libinstpatch started.
+    expectRefused(synth, announced, writeFile("bogus.dls", "not a sound font either"));
+    EXPECT_TRUE(libInstPatchStarted());
+    synth.midiSent(message({0x90, 60, 100}));
+    EXPECT_GT(synth.engine().activeVoices(), 0);
+}
+#endif
 
 TEST_F(BuiltInSynthTest, TheDefaultFontLoadsOnTheWorkerAndProgramsSentBeforeAreKept)
 {
@@ -204,16 +256,7 @@ TEST_F(BuiltInSynthTest, AFileThatIsNoSoundFontIsRefusedAndTheFontInUseKeepsPlay
     synth.setAnnounce([&](const UserText& text) { announced.push_back(text.shown); });
     synth.start();
     ASSERT_TRUE(waitFor([&] { return synth.isAudible(); }));
-    const QString bogus = dir.filePath("bogus.sf2");
-    {
-        QFile file(bogus);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("not a sound font");
-    }
-    synth.setSoundFont(bogus.toStdString());
-    ASSERT_TRUE(waitFor([&] { return !announced.empty(); }));
-    EXPECT_EQ(announced.front(), QStringLiteral("Sound font could not be read: ") + bogus);
-    EXPECT_TRUE(synth.isAudible());
+    expectRefused(synth, announced, writeFile("bogus.sf2", "not a sound font"));
     EXPECT_EQ(synth.engine().soundFont(), BuiltInSynth::defaultSoundFont());
 }
 
