@@ -24,6 +24,12 @@ namespace plinkora {
 
 namespace {
 
+#ifdef MSG_NOSIGNAL
+constexpr int kNoSignal = MSG_NOSIGNAL; // no SIGPIPE from a write to a closed connection
+#else
+constexpr int kNoSignal = 0; // macOS: SO_NOSIGPIPE on the socket instead
+#endif
+
 // The socket's address; false when the path does not fit.
 bool socketAddress(const QString& path, sockaddr_un& address)
 {
@@ -36,17 +42,39 @@ bool socketAddress(const QString& path, sockaddr_un& address)
     return true;
 }
 
+// `fd` (a socket, or -1) closed on exec, and non-blocking when `nonBlocking`: set with fcntl,
+// as macOS has no SOCK_CLOEXEC, SOCK_NONBLOCK or accept4.
+int withFlags(int fd, bool nonBlocking)
+{
+    if (fd < 0)
+        return fd;
+    ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+    if (nonBlocking)
+        ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+#ifdef SO_NOSIGPIPE // macOS: no SIGPIPE from a write to a closed connection (MSG_NOSIGNAL elsewhere)
+    const int on = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
+#endif
+    return fd;
+}
+
+// A Unix-domain stream socket (see withFlags), or -1.
+int streamSocket(bool nonBlocking)
+{
+    return withFlags(::socket(AF_UNIX, SOCK_STREAM, 0), nonBlocking);
+}
+
 std::string errorText(int error)
 {
     return std::strerror(error);
 }
 
-// write() all of `text`, or false.
+// send() all of `text`, or false.
 bool writeAll(int fd, const char* text)
 {
     std::size_t left = std::strlen(text);
     while (left > 0) {
-        const ssize_t written = ::send(fd, text, left, MSG_NOSIGNAL);
+        const ssize_t written = ::send(fd, text, left, kNoSignal);
         if (written < 0 && errno == EINTR)
             continue;
         if (written <= 0)
@@ -130,7 +158,7 @@ bool SingleInstance::listen()
         return fail("the path is too long for a socket");
     // A socket file left by a crashed instance would make listening fail.
     ::unlink(address.sun_path);
-    serverSocket_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    serverSocket_ = streamSocket(true);
     if (serverSocket_ < 0)
         return fail(errorText(errno));
     if (::bind(serverSocket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
@@ -172,7 +200,7 @@ bool SingleInstance::askRunningInstanceToShow(int timeoutMs) const
     // The running instance takes the lock some tens of milliseconds before it listens (its port
     // and the toolkit come first): a launch in that moment tries again.
     while (!deadline.hasExpired()) {
-        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const int fd = streamSocket(false);
         if (fd < 0)
             return false;
         if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
@@ -207,7 +235,7 @@ bool SingleInstance::askRunningInstanceToShow(int timeoutMs) const
 void SingleInstance::acceptConnections()
 {
     for (;;) {
-        const int fd = ::accept4(serverSocket_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        const int fd = withFlags(::accept(serverSocket_, nullptr, nullptr), true);
         if (fd < 0) {
             if (errno == EINTR)
                 continue;
