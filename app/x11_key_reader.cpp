@@ -19,9 +19,9 @@ namespace plinkora {
 
 namespace {
 
+#ifdef PLINKORA_HAVE_XCB
 Q_LOGGING_CATEGORY(lcKeyReader, "plinkora.keys", QtWarningMsg)
 
-#ifdef PLINKORA_HAVE_XCB
 // The modifiers of an X key event's state (the keys held before it), as Qt names them.
 Qt::KeyboardModifiers modifiersOfState(std::uint16_t state)
 {
