@@ -182,30 +182,41 @@ void AppDelegate::applicationDidFinishLaunching()
 void AppDelegate::makeConnections()
 {
     MIDIBackend& backend = *midiService_;
-    MIDIPatchbay& patchbay = midiService_->patchbay();
     // Without a patchbay on a real MIDI system, connections made by other programs cannot be
     // seen: whether anything will sound is not known.
     const bool connectionsUnknown = !midiService_->hasPatchbay() && backend.apiName() != "null";
-    if (services_.followReaders) {
-        synthReaders_ = midiService_->patchbayView();
-        services_.followReaders(synthReaders_.get());
-    }
     if (connectionsUnknown)
         printLine("MIDI connections: none can be made on " + std::string(backend.apiName()));
     SynthControl* synth = services_.synthControl ? services_.synthControl() : nullptr;
 
     PropertyManager* properties = keyboardMonitor->propertyManager.get();
     connectionKeeper = std::make_unique<ConnectionKeeper>(
-        patchbay, settings_, [properties](const UserText& text) { properties->announce(text); }, synth,
+        midiService_->patchbay(), settings_, [properties](const UserText& text) { properties->announce(text); }, synth,
         QString::fromUtf8(backend.apiName()), midiManager->virtualSource != 0);
-    const auto showStatus = [this] {
-        if (window)
-            window->showConnectionStatus(connectionKeeper->statusText());
-    };
     connectionKeeper->connectionsVisible = !connectionsUnknown;
-    connect(connectionKeeper.get(), &ConnectionKeeper::changed, this, showStatus);
+    connect(connectionKeeper.get(), &ConnectionKeeper::changed, this, &AppDelegate::showConnectionStatus);
+    // The patchbay's first use opens a client of the MIDI service (with JACK 8 to 10 ms): the
+    // connections are restored and followed on the first turn of the event loop, after the
+    // window's map request has gone out, and before the built-in synthesizer starts.
+    QTimer::singleShot(0, this, &AppDelegate::startConnections);
+}
+
+void AppDelegate::startConnections()
+{
+    if (terminated_ || !connectionKeeper)
+        return;
+    if (services_.followReaders && !synthReaders_) {
+        synthReaders_ = midiService_->patchbayView();
+        services_.followReaders(synthReaders_.get());
+    }
     connectionKeeper->start(connectThisRun);
-    showStatus();
+    showConnectionStatus();
+}
+
+void AppDelegate::showConnectionStatus()
+{
+    if (window && connectionKeeper)
+        window->showConnectionStatus(connectionKeeper->statusText());
 }
 
 void AppDelegate::showKeyboard()

@@ -147,7 +147,11 @@ signals:
 
 private:
     void preferencesClosed();
+    /// Makes the keeper of PLK's connections; startConnections() runs it.
     void makeConnections();
+    /// Lets the built-in synthesizer follow who reads PLK, and restores PLK's connections.
+    void startConnections();
+    void showConnectionStatus();
     /// Starts reading the main window's key events ahead of Qt's delivery, where it can.
     void openKeyReader();
 

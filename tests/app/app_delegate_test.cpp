@@ -557,6 +557,56 @@ TEST_F(AppDelegateTest, TheLaunchRestoresTheRememberedConnectionsAndShowsThemInT
     EXPECT_EQ(delegate->window->connectionStatusLabel()->text(), both);
 }
 
+TEST_F(AppDelegateTest, ConnectionsAreRestoredAndFollowedFromTheFirstTurnOfTheEventLoopUntilTheEnd)
+{
+    withPatchbay = true;
+    inputs = {{"fluidsynth", "midi_00"}};
+    settings.setStringList({"fluidsynth:midi_00"}, QString::fromLatin1(ConnectionKeeper::kConnectionsKey));
+    AppServices s = services();
+    std::vector<MIDIPatchbay*> followed;
+    s.followReaders = [&followed](MIDIPatchbay* readers) { followed.push_back(readers); };
+    delegate = std::make_unique<AppDelegate>(settings, std::move(s));
+    delegate->applicationDidFinishLaunching();
+    // Nothing on the way to the window's map request opens the patchbay.
+    ASSERT_NE(patchbay, nullptr);
+    ASSERT_TRUE(delegate->connectionKeeper);
+    EXPECT_FALSE(patchbay->isConnected({"fluidsynth", "midi_00"}));
+    EXPECT_TRUE(followed.empty());
+    EXPECT_EQ(delegate->window->connectionStatusLabel()->text(), "");
+
+    QCoreApplication::processEvents();
+    EXPECT_TRUE(patchbay->isConnected({"fluidsynth", "midi_00"}));
+    EXPECT_EQ(delegate->window->connectionStatusLabel()->text(),
+              "MIDI: recording, port PLK:PLK, connected to fluidsynth:midi_00");
+    ASSERT_EQ(followed.size(), 1U);
+    ASSERT_NE(followed[0], nullptr);
+    EXPECT_EQ(followed[0]->connections(), (std::vector<MIDIDestination>{{"fluidsynth", "midi_00"}}));
+    QCoreApplication::processEvents();
+    EXPECT_EQ(followed.size(), 1U);
+
+    delegate.reset();
+    ASSERT_EQ(followed.size(), 2U);
+    EXPECT_EQ(followed[1], nullptr);
+}
+
+TEST_F(AppDelegateTest, ADelegateThatEndsBeforeTheEventLoopTurnsNeitherRestoresNorFollowsConnections)
+{
+    AppServices s = services();
+    int calls = 0;
+    s.followReaders = [&calls](MIDIPatchbay*) { ++calls; };
+    withPatchbay = true;
+    inputs = {{"fluidsynth", "midi_00"}};
+    settings.setStringList({"fluidsynth:midi_00"}, QString::fromLatin1(ConnectionKeeper::kConnectionsKey));
+    delegate = std::make_unique<AppDelegate>(settings, std::move(s));
+    delegate->applicationDidFinishLaunching();
+    delegate->applicationWillTerminate();
+    QCoreApplication::processEvents();
+    ASSERT_NE(patchbay, nullptr);
+    EXPECT_FALSE(patchbay->isConnected({"fluidsynth", "midi_00"}));
+    delegate.reset();
+    EXPECT_EQ(calls, 0);
+}
+
 TEST_F(AppDelegateTest, WhenNothingWillSoundTheLaunchSaysSoOnce)
 {
     withPatchbay = true;
@@ -575,6 +625,7 @@ TEST_F(AppDelegateTest, ConnectFromTheCommandLineAndThePreferencesListTheInputs)
     delegate = std::make_unique<AppDelegate>(settings, services());
     delegate->connectThisRun = {"fluidsynth"};
     delegate->applicationDidFinishLaunching();
+    QCoreApplication::processEvents(); // the connections are made on the first turn of the event loop
     ASSERT_NE(patchbay, nullptr);
     EXPECT_TRUE(patchbay->isConnected({"fluidsynth", "midi_00"}));
     EXPECT_TRUE(settings.stringListForKey(QString::fromLatin1(ConnectionKeeper::kConnectionsKey)).isEmpty());
