@@ -22,7 +22,9 @@ The figures:
               program's own delay plus half a period: differences of means compare programs
               below the period's granularity.
   missing     measured key events without their message (a press: note on; a release: note off
-              or note on with velocity 0) before the next key event of the same kind
+              or note on with velocity 0) before the next key event of the same kind; in
+              brackets how many of them had an xrun from two periods before the key to two
+              periods after the next key of its kind (JACK drops what a late client wrote)
   extra       messages that fit no key event, and messages other than notes
   xruns       JACK xruns reported during the typing (jackd runs --no-realtime, as the tests do)
   idle CPU    utime + stime from /proc/PID/stat over the idle window, % of one core
@@ -167,7 +169,8 @@ def percentile(values, p):
 
 
 def match(stamps, lines, period):
-    """Latencies (ms) of the measured key events, the xrun-free ones, missing and extra counts.
+    """Latencies (ms) of the measured key events, the xrun-free ones, missing and extra counts,
+    how many of the missing had an xrun near them, and the number of xruns.
 
     Each key event expects one note message of its kind (press: note on, release: note off or
     note on with velocity 0), the first such message after its stamp and before the next event
@@ -190,7 +193,7 @@ def match(stamps, lines, period):
     messages = [m for m in messages if m[0] >= first]
     messages.sort()
     period_ns = period * 1e9 / RATE
-    latencies, clean, missing, extra = [], [], 0, 0
+    latencies, clean, missing, missing_in_xruns, extra = [], [], 0, 0, 0
     j = 0
     for i, (kind, _, stamp, label) in enumerate(stamps):
         following = stamps[i + 2][2] if i + 2 < len(stamps) else float("inf")
@@ -209,8 +212,12 @@ def match(stamps, lines, period):
                 clean.append(latency)
         elif label == "measured":
             missing += 1
+            # Its message was due between the key and the next key of its kind.
+            due_by = min(following, stamp + 1e9)
+            if any(stamp - 2 * period_ns <= x <= due_by + 2 * period_ns for x in xruns):
+                missing_in_xruns += 1
     extra += len(messages) - j
-    return sorted(latencies), sorted(clean), missing, extra, len(xruns)
+    return sorted(latencies), sorted(clean), missing, missing_in_xruns, extra, len(xruns)
 
 
 class Row(dict):
@@ -239,8 +246,9 @@ def measure(desktop, program, args, work):
             kind, code, stamp, label = line.split()
             stamps.append((kind, int(code), int(stamp), label))
         lines = [line for line in desktop.receiver.snapshot()[start:] if line.startswith(("midi", "xrun"))]
-        latencies, clean, missing, extra, xruns = match(stamps, lines, desktop.period)
-        row.update(latencies=latencies, clean=clean, missing=missing, extra=extra, xruns=xruns,
+        latencies, clean, missing, missing_in_xruns, extra, xruns = match(stamps, lines, desktop.period)
+        row.update(latencies=latencies, clean=clean, missing=missing, missing_in_xruns=missing_in_xruns,
+                   extra=extra, xruns=xruns,
                    events=sum(1 for s in stamps if s[3] == "measured"))
         time.sleep(2)
         t0 = time.monotonic()
@@ -305,6 +313,12 @@ def figures(row):
     }
 
 
+def missing_cell(row):
+    if not row["missing"]:
+        return "0"
+    return f"{row['missing']} ({row['missing_in_xruns']} near an xrun)"
+
+
 def print_table(rows):
     print("| program | period | mean ms | median ms | p90 ms | p99 ms | p99 no xrun ms (n) | missing / extra | xruns "
           "| idle CPU % | wake-ups/s | memory MB | start: port ms | start: window ms |")
@@ -312,7 +326,7 @@ def print_table(rows):
     for row in rows:
         f = figures(row)
         print(f"| {row['name']} | {row['period']} | {fmt(f['mean'])} | {fmt(f['median'])} | {fmt(f['p90'])} | {fmt(f['p99'])} "
-              f"| {fmt(f['p99 no xrun'])} ({len(row['clean'])}) | {row['missing']} / {row['extra']} "
+              f"| {fmt(f['p99 no xrun'])} ({len(row['clean'])}) | {missing_cell(row)} / {row['extra']} "
               f"| {row['xruns']} | {fmt(row['cpu'])} | {fmt(row['wakeups'], 1)} | {fmt(row['rss'], 1)} "
               f"| {fmt(row.get('port_ms'), 0)} | {fmt(row.get('window_ms'), 0)} |")
 
