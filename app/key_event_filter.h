@@ -33,7 +33,9 @@ class KeyboardMonitor;
 /// Under X11 the main window's key events also arrive ahead of Qt's delivery (x11_key_reader.h)
 /// through actBeforeDelivery(). Each key event is acted on once, at whichever of its two copies
 /// comes first, known by its type, native scan code and the window system's time; the other
-/// copy gets the same answer without acting again.
+/// copy gets the same answer without acting again. While the reader has the keys, Qt's copy is
+/// the one the reader forwards after acting, so it always comes second; the other order is
+/// kept for the keys Qt gets directly (the reader not yet open, or closed).
 class KeyEventFilter final : public QObject, private QAccessible::ActivationObserver
 {
     Q_OBJECT
