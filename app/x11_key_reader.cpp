@@ -108,7 +108,7 @@ void X11KeyReader::takeKeysFromQt()
 #ifdef PLINKORA_HAVE_XCB
     // Qt's connection stops selecting the window's key events: the X server then sends them
     // here only, and Qt's event thread no longer wakes for them beside the main thread (on two
-    // cores it delayed the main thread's read by 40 to 60 µs). Each key is forwarded to Qt once
+    // cores it delayed the main thread's read by 27 to 64 µs). Each key is forwarded to Qt once
     // it has been acted on (readEvents).
     xcb_connection_t* qt = qtX11Connection();
     if (!qt)
