@@ -203,9 +203,10 @@ void AppDelegate::makeConnections()
 
 void AppDelegate::startConnections()
 {
-    if (terminated_ || !connectionKeeper)
+    // Runs once, posted by makeConnections() after it made the keeper.
+    if (terminated_)
         return;
-    if (services_.followReaders && !synthReaders_) {
+    if (services_.followReaders) {
         synthReaders_ = midiService_->patchbayView();
         services_.followReaders(synthReaders_.get());
     }
